@@ -1,0 +1,180 @@
+#include "adbprotocol/AdbPacket.h"
+#include "adbprotocol/PacketReader.h"
+
+#include <QRandomGenerator>
+#include <QTest>
+
+#include <cstring>
+
+namespace {
+
+QByteArray message(quint32 command, quint32 arg0, quint32 arg1, const QByteArray& payload)
+{
+    return AdbPacket(command, arg0, arg1, payload).toByteArray();
+}
+
+// A header taken verbatim, whatever its fields say.
+QByteArray rawMessage(quint32 command, quint32 length, quint32 check, quint32 magic,
+                      const QByteArray& payload)
+{
+    const amessage header { command, 1, 2, length, check, magic };
+    return QByteArray(reinterpret_cast<const char*>(&header), sizeof header) + payload;
+}
+
+} // namespace
+
+class TestAdbPacket : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void forgedOkayIsByteExact()
+    {
+        const QByteArray expected = QByteArray::fromHex("4f4b4159"
+                                                        "07000000"
+                                                        "03000000"
+                                                        "00000000"
+                                                        "00000000"
+                                                        "b0b4bea6");
+        AdbPacket okay(AdbPacket::OKAY, 7, 3, QByteArray());
+        QCOMPARE(okay.toByteArray(), expected);
+        QCOMPARE(okay.getMessage()->magic, 0xA6BEB4B0u);
+    }
+
+    void checksumIsSigned_data()
+    {
+        QTest::addColumn<QByteArray>("payload");
+        QTest::addColumn<quint32>("check");
+        QTest::newRow("empty") << QByteArray() << 0u;
+        QTest::newRow("ff 01") << QByteArray::fromHex("ff01") << 0u;
+        QTest::newRow("80") << QByteArray::fromHex("80") << 0xFFFFFF80u;
+        QTest::newRow("ascii") << QByteArray("host::") << quint32('h' + 'o' + 's' + 't' + ':' + ':');
+        QTest::newRow("long high bytes") << QByteArray(1000, '\xfe') << quint32(-2000);
+    }
+    void checksumIsSigned()
+    {
+        QFETCH(QByteArray, payload);
+        QFETCH(quint32, check);
+        AdbPacket packet(AdbPacket::WRTE, 1, 2, payload);
+        QCOMPARE(packet.dataCheck(), check);
+        QCOMPARE(packet.dataLength(), quint32(payload.size()));
+        QCOMPARE(QByteArray(packet.getPayload(), payload.size()), payload);
+    }
+
+    void sharingAndDetach()
+    {
+        AdbPacket packet(AdbPacket::WRTE, 1, 2, QByteArray("abc"));
+        const QByteArray shared = packet.toByteArray();
+        QCOMPARE(shared.constData(), packet.toByteArray().constData());
+        AdbPacket copy = packet;
+        copy.getMessage()->arg0 = 99;
+        QCOMPARE(packet.arg0(), 1u);
+        QCOMPARE(copy.arg0(), 99u);
+        QCOMPARE(shared, packet.toByteArray());
+        QCOMPARE(AdbPacket().size(), 24 + 256 * 1024);
+    }
+
+    void readerCutsMessages_data()
+    {
+        QTest::addColumn<QList<QByteArray>>("chunks");
+        QTest::addColumn<QList<QByteArray>>("expected");
+        const QByteArray empty = message(AdbPacket::OKAY, 1, 2, {});
+        const QByteArray write = message(AdbPacket::WRTE, 1, 2, "payload");
+        const QByteArray badMagic = rawMessage(AdbPacket::WRTE, 3, 0x12345678, 0, "xyz");
+        QTest::newRow("partial header stays buffered")
+            << QList<QByteArray> { empty.left(23) } << QList<QByteArray> {};
+        QTest::newRow("empty payload then another")
+            << QList<QByteArray> { empty + write } << QList<QByteArray> { empty, write };
+        QTest::newRow("two and a half, then the rest")
+            << QList<QByteArray> { write + empty + write.left(30), write.mid(30) }
+            << QList<QByteArray> { write, empty, write };
+        QTest::newRow("wrong magic and checksum kept verbatim")
+            << QList<QByteArray> { badMagic.left(5), badMagic.mid(5) } << QList<QByteArray> { badMagic };
+    }
+    void readerCutsMessages()
+    {
+        QFETCH(QList<QByteArray>, chunks);
+        QFETCH(QList<QByteArray>, expected);
+        PacketReader reader;
+        QList<QByteArray> got;
+        for (const QByteArray& chunk : chunks) {
+            reader.append(chunk);
+            while (reader.packetAvailable())
+                got.append(reader.read().toByteArray());
+        }
+        QCOMPARE(got, expected);
+    }
+
+    // Any sequence of messages, cut anywhere, comes back unchanged.
+    void readerRandomCuts()
+    {
+        QRandomGenerator random(20240517);
+        for (int round = 0; round < 300; ++round) {
+            QList<QByteArray> messages;
+            QByteArray stream;
+            const int count = random.bounded(1, 60);
+            for (int i = 0; i < count; ++i) {
+                QByteArray payload(random.bounded(0, i % 7 == 0 ? 5000 : 40), Qt::Uninitialized);
+                for (char& c : payload)
+                    c = char(random.bounded(256));
+                const quint32 commands[]
+                    = { AdbPacket::WRTE, AdbPacket::OKAY, AdbPacket::OPEN, AdbPacket::CLSE, 0xdeadbeef };
+                messages.append(
+                    message(commands[random.bounded(5)], random.generate(), random.generate(), payload));
+                stream += messages.last();
+            }
+            PacketReader reader;
+            QList<QByteArray> got;
+            qsizetype pos = 0;
+            while (pos < stream.size()) {
+                const qsizetype cut = qMin(stream.size() - pos, qsizetype(random.bounded(1, 3000)));
+                reader.append(stream.mid(pos, cut));
+                pos += cut;
+                while (reader.packetAvailable())
+                    got.append(reader.read().toByteArray());
+            }
+            QCOMPARE(got.size(), messages.size());
+            QVERIFY2(got == messages, qPrintable(QStringLiteral("round %1").arg(round)));
+            QCOMPARE(reader.bufferedSize(), 0);
+        }
+    }
+
+    // TcpSocket hands over raw views of a reused buffer; the reader must keep its own copy.
+    void readerCopiesRawChunks()
+    {
+        const QByteArray write = message(AdbPacket::WRTE, 4, 5, "hello");
+        char scratch[64];
+        std::memcpy(scratch, write.constData(), 10);
+        PacketReader reader;
+        reader.append(QByteArray::fromRawData(scratch, 10));
+        std::memset(scratch, 'Z', sizeof scratch);
+        std::memcpy(scratch, write.constData() + 10, size_t(write.size() - 10));
+        reader.append(QByteArray::fromRawData(scratch, write.size() - 10));
+        QVERIFY(reader.packetAvailable());
+        QCOMPARE(reader.read().toByteArray(), write);
+    }
+
+    void oversizedHeaderCorruptsReader()
+    {
+        const QByteArray good = message(AdbPacket::WRTE, 1, 2, "ok");
+        const QByteArray huge = rawMessage(AdbPacket::WRTE, 0xFFFFFFF0u, 0, ~quint32(AdbPacket::WRTE), {});
+        PacketReader reader;
+        reader.append(good + huge + good);
+        QVERIFY(reader.packetAvailable());
+        QCOMPARE(reader.read().toByteArray(), good);
+        QVERIFY(!reader.packetAvailable());
+        QVERIFY(reader.isCorrupted());
+        QCOMPARE(reader.corruptLength(), 0xFFFFFFF0u);
+        reader.append(QByteArray(1 << 20, 'x'));
+        QCOMPARE(reader.bufferedSize(), 0);
+
+        reader.clear();
+        const QByteArray largest = message(AdbPacket::WRTE, 1, 2, QByteArray(PacketReader::MAX_PAYLOAD, 'a'));
+        reader.append(largest);
+        QVERIFY(!reader.isCorrupted());
+        QCOMPARE(reader.read().toByteArray(), largest);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestAdbPacket)
+#include "tst_adbpacket.moc"
