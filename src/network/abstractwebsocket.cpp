@@ -1,0 +1,11 @@
+#include "abstractwebsocket.h"
+
+AbstractWebSocket::AbstractWebSocket(QObject* parent)
+    : QObject(parent)
+{
+    // Sockets live in tunnel threads; these signals may be queued to other threads.
+    qRegisterMetaType<QAbstractSocket::SocketState>();
+    qRegisterMetaType<QList<QSslError>>();
+}
+
+AbstractWebSocket::~AbstractWebSocket() = default;
