@@ -1,0 +1,42 @@
+#include "AdbMessageQueue.h"
+
+AdbMessageQueue::AdbMessageQueue(QObject* parent)
+    : QObject(parent)
+{ }
+
+AdbMessageQueue::~AdbMessageQueue() = default;
+
+void AdbMessageQueue::enqueue(const QByteArray& message)
+{
+    QMutexLocker locker(&m_mutex);
+    if (m_ready && m_queue.isEmpty()) {
+        m_ready = false;
+        locker.unlock();
+        Q_EMIT messageReady(message);
+        Q_EMIT idle();
+        return;
+    }
+    m_queue.append(message);
+}
+
+void AdbMessageQueue::onOkayReceived()
+{
+    QMutexLocker locker(&m_mutex);
+    if (m_queue.isEmpty()) {
+        m_ready = true;
+        return;
+    }
+    m_ready = false;
+    const QByteArray first = m_queue.takeFirst();
+    const bool drained = m_queue.isEmpty();
+    locker.unlock();
+    Q_EMIT messageReady(first);
+    if (drained)
+        Q_EMIT idle();
+}
+
+qsizetype AdbMessageQueue::size() const
+{
+    QMutexLocker locker(&m_mutex);
+    return m_queue.size();
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QMutex>
+#include <QObject>
+
+// Hold-back queue of one ADB stream's messages towards the ADB server: releases one message,
+// then waits for the server's OKAY before releasing the next.
+class AdbMessageQueue : public QObject
+{
+    Q_OBJECT
+public:
+    explicit AdbMessageQueue(QObject* parent = nullptr);
+    ~AdbMessageQueue() override;
+
+    void enqueue(const QByteArray& message);
+    void onOkayReceived();
+
+    qsizetype size() const;
+
+Q_SIGNALS:
+    // A message may go to the ADB server now; emitted outside the lock, so receivers may call back.
+    void messageReady(const QByteArray& message);
+    // The last queued message was just released; nothing is waiting any more.
+    void idle();
+
+private:
+    mutable QMutex m_mutex;
+    bool m_ready = true; // nothing released is awaiting its OKAY
+    QList<QByteArray> m_queue;
+};

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <QByteArray>
+#include <QTcpSocket>
+
+// The local ADB server's connection: reads in 4 KiB chunks handed on without copying.
+class TcpSocket : public QTcpSocket
+{
+    Q_OBJECT
+public:
+    static constexpr qint64 READ_CHUNK_SIZE = 4096;
+
+    explicit TcpSocket(QObject* parent = nullptr);
+    ~TcpSocket() override;
+
+    // One buffered write; short or failed writes are logged, not retried.
+    void sendData(const QByteArray& data);
+
+public Q_SLOTS:
+    void onReadyRead();
+
+Q_SIGNALS:
+    // One chunk read. The bytes are a view of a reused buffer, valid only during the emission:
+    // receivers copy what they keep.
+    void dataReceived(const QByteArray& data);
+};

@@ -1,0 +1,362 @@
+#include "web_socket_tcp_bridge.h"
+
+#include "adbprotocol/AdbPacket.h"
+#include "adbprotocol/AdbTunnelLogger.h"
+#include "adbtunnelversion.h"
+#include "network/abstractwebsocket.h"
+#include "tcp_socket.h"
+#include "utils/loghandler.h"
+
+#include <QDebug>
+#include <QEventLoop>
+#include <QMetaEnum>
+#include <QTimer>
+
+namespace {
+
+const QString FROM_ADB_SERVER = QStringLiteral("ADB SERVER => TUNNEL SOFT");
+const QString TO_DEVICE = QStringLiteral("TUNNEL SOFT => TUNNEL CLOUD");
+const QString FROM_DEVICE = QStringLiteral("TUNNEL SOFT <= TUNNEL CLOUD");
+
+} // namespace
+
+WebSocketTcpBridge::WebSocketTcpBridge(AbstractWebSocket* webSocket, const QString& uuid, QObject* parent)
+    : QObject(parent)
+    , m_uuid(uuid)
+    , m_logPrefix(QStringLiteral("[UUID:%1]").arg(uuid))
+    , m_webSocket(webSocket)
+    , m_tcpServer(this)
+{
+    qRegisterMetaType<WebSocketTcpBridge::State>("State");
+    qRegisterMetaType<WebSocketTcpBridge::State>("WebSocketTcpBridge::State");
+
+    connect(&m_tcpServer, &TcpServer::dataReceived, this, &WebSocketTcpBridge::onTcpDataReceived);
+    connect(&m_tcpServer, &TcpServer::socketDisconnected, this, &WebSocketTcpBridge::onTcpClientGone);
+    connect(&m_tcpServer, &TcpServer::socketDisconnected, this, &WebSocketTcpBridge::tcpSocketDisconnected);
+    if (webSocket) {
+        connect(webSocket, &AbstractWebSocket::binaryFrameReceived, this,
+                &WebSocketTcpBridge::onWebsocketDataReceived);
+        connect(webSocket, &AbstractWebSocket::disconnected, this,
+                &WebSocketTcpBridge::onWebSocketDisconnected);
+    }
+}
+
+WebSocketTcpBridge::~WebSocketTcpBridge()
+{
+    stop();
+    // Sessions have no parent; nothing else refers to them once the bridge is gone.
+    qDeleteAll(m_sessions);
+}
+
+quint16 WebSocketTcpBridge::getTcpPort() const
+{
+    return m_tcpServer.serverPort();
+}
+
+void WebSocketTcpBridge::start(quint16 port)
+{
+    LogHandler::LogPrefixer prefixer(m_logPrefix);
+    if (m_state != IDLE) {
+        qWarning() << "Bridge already started.";
+        return;
+    }
+    setState(WAITING);
+    if (!m_webSocket)
+        qFatal("Bridge started without a web socket.");
+    if (m_webSocket->state() != QAbstractSocket::ConnectedState) {
+        qWarning() << "webSocket not in connected state.";
+        stop(WebSocketError);
+        return;
+    }
+    if (!m_tcpServer.listen(QHostAddress::Any, port)) {
+        qWarning().noquote() << "Tcp server cannot listen" << port << ":" << m_tcpServer.errorString();
+        stop(TcpServerError);
+        return;
+    }
+    setState(RUNNING);
+}
+
+void WebSocketTcpBridge::stop()
+{
+    stop(NoError);
+}
+
+void WebSocketTcpBridge::stop(Error error)
+{
+    LogHandler::LogPrefixer prefixer(m_logPrefix);
+    m_tcpServer.stop();
+    m_tcpReader.clear();
+    // The socket is not ours; only stop listening to it, so a later close of it does not
+    // rewrite the error we stopped with.
+    if (m_webSocket)
+        m_webSocket->disconnect(this);
+    m_webSocket.clear();
+    m_lastError = error;
+    setState(IDLE);
+}
+
+void WebSocketTcpBridge::setState(State state)
+{
+    qDebug().noquote() << "Update bridge state to"
+                       << QLatin1String(QMetaEnum::fromType<State>().valueToKey(state));
+    m_state = state;
+    Q_EMIT stateChanged(state);
+}
+
+void WebSocketTcpBridge::onWebSocketDisconnected()
+{
+    LogHandler::LogPrefixer prefixer(m_logPrefix);
+    qDebug() << "Web socket disconnected.";
+    // Listeners of this IDLE still see the previous error; the tunnel relies on that order.
+    setState(IDLE);
+    m_lastError = WebSocketError;
+}
+
+void WebSocketTcpBridge::onTcpClientGone()
+{
+    // A partial message of the old connection must not prefix the next client's stream.
+    m_tcpReader.clear();
+}
+
+void WebSocketTcpBridge::onTcpDataReceived(const QByteArray& data)
+{
+    LogHandler::LogPrefixer prefixer(m_logPrefix);
+    if (!m_webSocket) {
+        qWarning() << "Null mWebSocket";
+        return;
+    }
+    m_tcpReader.append(data);
+    // Sending waits in a nested event loop, which may re-enter here or destroy the bridge.
+    const QPointer<WebSocketTcpBridge> self(this);
+    while (m_tcpReader.packetAvailable()) {
+        AdbPacket packet = m_tcpReader.read();
+        processTcpPacket(&packet);
+        if (!self)
+            return;
+    }
+    if (m_tcpReader.isCorrupted()) {
+        qWarning() << "ADB TUNNEL Invalid message from ADB Server: announced length"
+                   << m_tcpReader.corruptLength() << "exceeds" << PacketReader::MAX_PAYLOAD
+                   << "bytes, dropping the connection";
+        m_tcpReader.clear();
+        if (TcpSocket* client = m_tcpServer.client())
+            client->abort();
+    }
+}
+
+void WebSocketTcpBridge::onWebsocketDataReceived(const QByteArray& message)
+{
+    LogHandler::LogPrefixer prefixer(m_logPrefix);
+    if (m_webSocketReader.isCorrupted())
+        return;
+    m_webSocketReader.append(message);
+    const QPointer<WebSocketTcpBridge> self(this);
+    while (m_webSocketReader.packetAvailable()) {
+        AdbPacket packet = m_webSocketReader.read();
+        processWebSocketPacket(&packet);
+        if (!self)
+            return;
+    }
+    if (m_webSocketReader.isCorrupted()) {
+        // There is no resynchronising inside the stream: drop the connection and let the
+        // tunnel reconnect.
+        qWarning() << "ADB TUNNEL Invalid message from device: announced length"
+                   << m_webSocketReader.corruptLength() << "exceeds" << PacketReader::MAX_PAYLOAD
+                   << "bytes, closing the web socket";
+        if (m_webSocket)
+            m_webSocket->abort();
+    }
+}
+
+AdbSession* WebSocketTcpBridge::retrieveSession(unsigned serverSideId, unsigned deviceSideId) const
+{
+    if (AdbSession* session = m_sessions.value({ serverSideId, quint32(AdbSession::Server) }))
+        return session;
+    if (AdbSession* session = m_sessions.value({ deviceSideId, quint32(AdbSession::Device) }))
+        return session;
+    qCDebug(tunnelCategory) << "ADB TUNNEL no session created by adb server or adb daemon found"
+                            << deviceSideId;
+    return nullptr;
+}
+
+void WebSocketTcpBridge::createSession(unsigned id, AdbSession::Origin origin)
+{
+    auto* session = new AdbSession(id, origin, nullptr);
+    session->print(QStringLiteral("CREATION"));
+    const AdbSession::Key key = session->getUniqueKey();
+    if (AdbSession* previous = m_sessions.value(key)) {
+        // The opener reused a live id, so it has given up the old stream. Dropping the old
+        // session keeps a peer repeating OPEN from piling up objects.
+        qWarning() << "ADB TUNNEL duplicate OPEN, replacing session" << key;
+        previous->disconnect(this);
+        previous->disconnect(&m_tcpServer);
+        previous->deleteLater();
+    }
+    m_sessions.insert(key, session);
+    connect(session, &AdbSession::sessionClosed, this, &WebSocketTcpBridge::deleteSessionIfPossible);
+    connect(session, &AdbSession::messageReady, &m_tcpServer, &TcpServer::sendData);
+}
+
+void WebSocketTcpBridge::deleteSessionIfPossible(AdbSession* session)
+{
+    LogHandler::LogPrefixer prefixer(m_logPrefix);
+    session->print(QStringLiteral("DELETION"));
+    if (!session->isClosed()) {
+        qCDebug(tunnelCategory) << "ADB TUNNEL session is not closed => no deletion";
+        return;
+    }
+    const AdbSession::Key key = session->getUniqueKey();
+    if (m_sessions.value(key) == session)
+        m_sessions.remove(key);
+    qCDebug(tunnelCategory) << "ADB SESSIONS" << m_sessions.keys();
+    // Deferred: we may be inside one of the session's own signals.
+    session->disconnect(this);
+    session->deleteLater();
+}
+
+void WebSocketTcpBridge::sendBackOkayToAdbServer(const AdbPacket& message)
+{
+    // ADB protocol.txt: the receiver of WRTE answers OKAY(its local id, the sender's id).
+    const AdbPacket okay(AdbPacket::OKAY, message.arg1(), message.arg0(), QByteArray());
+    m_tcpServer.sendData(okay.toByteArray());
+}
+
+void WebSocketTcpBridge::processTcpPacket(AdbPacket* packet)
+{
+    const QByteArray bytes = packet->toByteArray();
+    AdbTunnelLogger::printAdbMessage(bytes, FROM_ADB_SERVER);
+    const quint32 command = packet->command();
+    const quint32 arg0 = packet->arg0();
+    const quint32 arg1 = packet->arg1();
+
+    if (command == AdbPacket::CNXN) {
+        qCDebug(tunnelCategory) << "ADB TUNNEL CNXN message -> forward to websocket";
+        sendMessageToDevice(bytes);
+        return;
+    }
+    if (command == AdbPacket::OPEN) {
+        qCDebug(tunnelCategory) << "ADB TUNNEL OPEN message -> create session";
+        createSession(arg0, AdbSession::Server);
+        sendMessageToDevice(bytes);
+        return;
+    }
+
+    AdbSession* session = retrieveSession(arg0, arg1);
+    if (!session) {
+        qWarning() << "ADB TUNNEL Incoming message from ADB Server. No session found, serverId" << arg0
+                   << "daemonId" << arg1;
+        sendMessageToDevice(bytes);
+        return;
+    }
+
+    switch (command) {
+    case AdbPacket::OKAY:
+        qCDebug(tunnelCategory) << "ADB TUNNEL OKAY message received";
+        if (session->isRetainModeEnabled()) {
+            // This acknowledges a write we released; the device got its OKAY from us already.
+            qCDebug(tunnelCategory) << "ADB TUNNEL retain mode enabled => onOkayReceived";
+            session->onOkayReceived();
+            return;
+        }
+        break;
+    case AdbPacket::WRTE:
+        if (AdbTunnelVersion::isMegaFastEnabled()) {
+            qCDebug(tunnelCategory) << "ADB TUNNEL WRITE message => enable retain mode => send OKAY back";
+            session->enableRetainMode();
+            sendBackOkayToAdbServer(*packet);
+        }
+        break;
+    case AdbPacket::CLSE:
+        qCDebug(tunnelCategory) << "ADB TUNNEL CLOSE message => delete session" << session->getUniqueKey();
+        session->closeFromServer();
+        deleteSessionIfPossible(session);
+        break;
+    default:
+        break;
+    }
+    sendMessageToDevice(bytes);
+}
+
+void WebSocketTcpBridge::processWebSocketPacket(AdbPacket* packet)
+{
+    const QByteArray bytes = packet->toByteArray();
+    AdbTunnelLogger::printAdbMessage(bytes, FROM_DEVICE);
+    const quint32 command = packet->command();
+    const quint32 arg0 = packet->arg0();
+    const quint32 arg1 = packet->arg1();
+
+    if (command == AdbPacket::OPEN) {
+        qCDebug(tunnelCategory) << "ADB TUNNEL OPEN message -> create session, daemonId" << arg0;
+        createSession(arg0, AdbSession::Device);
+        m_tcpServer.sendData(bytes);
+        return;
+    }
+    if (command != AdbPacket::WRTE && command != AdbPacket::CLSE) {
+        m_tcpServer.sendData(bytes);
+        return;
+    }
+
+    AdbSession* session = retrieveSession(arg1, arg0);
+    if (!session) {
+        qWarning() << "ADB TUNNEL Incoming message from device. No session found, serverId" << arg1
+                   << "daemonId" << arg0;
+        m_tcpServer.sendData(bytes);
+        return;
+    }
+
+    if (!AdbTunnelVersion::isMegaFastEnabled()) {
+        if (command == AdbPacket::CLSE)
+            session->closeFromDevice();
+        m_tcpServer.sendData(bytes);
+        return;
+    }
+
+    // The queue is not bounded: the instance already counts these writes as acknowledged, so
+    // dropping one would corrupt the stream. It drains at the pace of the ADB server's OKAYs.
+    qCDebug(tunnelCategory) << "ADB TUNNEL enable retain mode";
+    session->enableRetainMode();
+    if (command == AdbPacket::CLSE)
+        session->closeFromDevice();
+    // A queued CLSE reaches the ADB server after the writes queued before it.
+    session->enqueue(bytes);
+}
+
+void WebSocketTcpBridge::sendMessageToDevice(const QByteArray& bytes)
+{
+    AdbTunnelLogger::printAdbMessage(bytes, TO_DEVICE);
+    if (!m_webSocket) {
+        qWarning() << "Null mWebSocket";
+        return;
+    }
+    const qint64 sent = m_webSocket->sendBinaryMessage(bytes);
+    if (sent < 0)
+        qWarning() << m_webSocket->error() << m_webSocket->errorString();
+    else if (sent < bytes.size())
+        qWarning() << "Write" << sent << "bytes instead of" << bytes.size() << "in web socket.";
+    waitForWebSocketDataToBeSent();
+}
+
+bool WebSocketTcpBridge::isWebSocketStillFlushing()
+{
+    return m_webSocket && m_webSocket->state() == QAbstractSocket::ConnectedState && m_webSocket->flush();
+}
+
+void WebSocketTcpBridge::waitForWebSocketDataToBeSent()
+{
+    // Push each message onto the network before reading the next. With a real socket the first
+    // flush writes the frame and the second finds nothing left, so both are tried at once and
+    // the 1 ms polling loop only runs while the socket keeps making progress.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (!isWebSocketStillFlushing())
+            return;
+    }
+    QEventLoop loop;
+    QTimer timer;
+    timer.setInterval(1);
+    connect(&timer, &QTimer::timeout, &loop, [this, &loop] {
+        if (!isWebSocketStillFlushing())
+            loop.quit();
+    });
+    timer.start();
+    loop.exec();
+}
