@@ -93,8 +93,9 @@ void PlatformWebServiceClient::onRefreshSessionFinished(QNetworkReply* reply,
         QJsonParseError parseError;
         const QJsonDocument document = QJsonDocument::fromJson(reply->readAll(), &parseError);
         if (parseError.error == QJsonParseError::NoError && !extractAuthFromReply(document)) {
-            qWarning().noquote() << "Refresh session failed. Error message for refresh call : "
-                                 << reply->errorString();
+            qWarning().noquote() << QStringLiteral(
+                                        "Refresh session failed. Error message for refresh call : ")
+                    + reply->errorString();
         }
     }
     // A job cancelled meanwhile has its result already, and may be gone.
