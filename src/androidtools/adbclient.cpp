@@ -96,6 +96,11 @@ AdbClient::Run AdbClient::runAdb(const QStringList& arguments, QProcess::Process
     // is what the caller asked for.
     QProcess process;
     process.setProcessChannelMode(channelMode);
+    const auto readOutput = [&] {
+        run.output = AdbOutputParser::toText(process.readAllStandardOutput());
+        if (channelMode == QProcess::SeparateChannels)
+            run.errorText = AdbOutputParser::toText(process.readAllStandardError());
+    };
     process.start(m_path, arguments);
     if (!process.waitForStarted(ADB_PROCESS_TIMEOUT_MS)) {
         run.errorString = process.errorString();
@@ -110,8 +115,7 @@ AdbClient::Run AdbClient::runAdb(const QStringList& arguments, QProcess::Process
         run.errorString = process.errorString();
         process.kill();
         process.waitForFinished(ADB_PROCESS_TIMEOUT_MS);
-        run.output = AdbOutputParser::toText(process.readAllStandardOutput());
-        run.errorText = AdbOutputParser::toText(process.readAllStandardError());
+        readOutput();
         return run;
     }
     run.outcome = Run::Finished;
@@ -120,8 +124,7 @@ AdbClient::Run AdbClient::runAdb(const QStringList& arguments, QProcess::Process
     } else {
         run.errorString = process.errorString();
     }
-    run.output = AdbOutputParser::toText(process.readAllStandardOutput());
-    run.errorText = AdbOutputParser::toText(process.readAllStandardError());
+    readOutput();
     return run;
 }
 
@@ -396,6 +399,8 @@ void AdbClient::onPullFinished(int exitCode, QProcess::ExitStatus exitStatus)
     }
     const int code = exitStatus == QProcess::NormalExit ? exitCode : -1;
     m_rawErrorText = AdbOutputParser::toText(m_pullOutput);
+    if (m_rawErrorText.isEmpty())
+        m_rawErrorText = m_pullProcess->errorString();
     qWarning().noquote() << "[adb][pull]error:" << code << m_rawErrorText;
     Q_EMIT pullError(code);
 }

@@ -1,0 +1,584 @@
+#include "scriptedadb.h"
+
+#include "androidtools/adbclient.h"
+
+#include <QHostAddress>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+#include <QThread>
+#include <QTimer>
+
+#include <functional>
+#include <memory>
+
+#include <cerrno>
+#include <signal.h>
+
+using AdbCommand = std::function<bool(AdbClient&)>;
+Q_DECLARE_METATYPE(AdbCommand)
+
+namespace {
+
+const QString SERIAL = QStringLiteral("127.0.0.1:5555");
+const QString REAL_ADB = QStringLiteral("/usr/lib/android-sdk/platform-tools/adb");
+
+quint16 freeLoopbackPort()
+{
+    QTcpServer server;
+    server.listen(QHostAddress::LocalHost, 0);
+    return server.serverPort();
+}
+
+bool isProcessGone(qint64 pid)
+{
+    return ::kill(static_cast<pid_t>(pid), 0) == -1 && errno == ESRCH;
+}
+
+} // namespace
+
+class tst_AdbClient : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase();
+    void init();
+
+    void getState_data();
+    void getState();
+    void connectToAdb_data();
+    void connectToAdb();
+    void connectSucceedsEvenIfDeviceNeverUsable();
+    void waitForConnectedEndsWhenDeviceAppears();
+    void releasedWhileWaitingStaysSilent();
+    void disconnectFromAdb_data();
+    void disconnectFromAdb();
+    void install_data();
+    void install();
+    void pullAsync_data();
+    void pullAsync();
+    void cancelAndDestroyDuringPull();
+    void isAvailable_data();
+    void isAvailable();
+
+    void realAdbUnknownSerial();
+    void realAdbConnectToClosedPort();
+    void realAdbAcceptsArguments_data();
+    void realAdbAcceptsArguments();
+
+private:
+    void useAdb(const QString& kind);
+    void requireRealAdb();
+
+    TestToolsProvider m_provider;
+    std::unique_ptr<ScriptedAdb> m_adb;
+    QTemporaryDir m_home;
+    QProcess m_adbServer;
+    quint16 m_adbServerPort = 0;
+};
+
+void tst_AdbClient::initTestCase()
+{
+    AndroidToolsProvider::setInstance(&m_provider);
+    // Read once per process: every wait in this test checks the device twice, 2 s apart.
+    qputenv(AdbClient::MAX_ADB_CONNECT_ATTEMPTS_ENV, "2");
+    // The real adb writes its keys and logs under $HOME/.android.
+    QVERIFY(m_home.isValid());
+    qputenv("HOME", m_home.path().toLocal8Bit());
+
+    if (!QFile::exists(REAL_ADB))
+        return;
+    // Our own server on its own loopback port, so no user's adb server is touched. The clients name
+    // the address; this adb's server only accepts a bare port, which it binds on loopback.
+    m_adbServerPort = freeLoopbackPort();
+    qputenv("ADB_SERVER_SOCKET", QByteArrayLiteral("tcp:127.0.0.1:") + QByteArray::number(m_adbServerPort));
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("ADB_SERVER_SOCKET"), QStringLiteral("tcp:%1").arg(m_adbServerPort));
+    m_adbServer.setProcessEnvironment(env);
+    m_adbServer.setStandardOutputFile(QProcess::nullDevice());
+    m_adbServer.setStandardErrorFile(QProcess::nullDevice());
+    m_adbServer.start(REAL_ADB, { QStringLiteral("nodaemon"), QStringLiteral("server") });
+    QVERIFY2(m_adbServer.waitForStarted(), qPrintable(m_adbServer.errorString()));
+    const auto listening = [this] {
+        QTcpSocket socket;
+        socket.connectToHost(QHostAddress::LocalHost, m_adbServerPort);
+        return socket.waitForConnected(200);
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(listening() || m_adbServer.state() == QProcess::NotRunning, 15000);
+    QCOMPARE(m_adbServer.state(), QProcess::Running);
+}
+
+void tst_AdbClient::cleanupTestCase()
+{
+    if (m_adbServer.state() == QProcess::NotRunning)
+        return;
+    QProcess killServer;
+    killServer.start(REAL_ADB, { QStringLiteral("kill-server") });
+    killServer.waitForFinished(10000);
+    if (!m_adbServer.waitForFinished(10000)) {
+        m_adbServer.kill();
+        m_adbServer.waitForFinished(10000);
+    }
+    QCOMPARE(m_adbServer.state(), QProcess::NotRunning);
+}
+
+void tst_AdbClient::init()
+{
+    m_adb = std::make_unique<ScriptedAdb>();
+    m_provider.adbPath = m_adb->path();
+}
+
+void tst_AdbClient::useAdb(const QString& kind)
+{
+    if (kind == QLatin1String("missing")) {
+        m_provider.adbPath = m_adb->dir() + QLatin1String("/no-such-adb");
+    } else if (kind == QLatin1String("not executable")) {
+        QFile::setPermissions(m_adb->path(), QFile::ReadOwner | QFile::WriteOwner);
+    } else if (kind == QLatin1String("empty path")) {
+        m_provider.adbPath.clear();
+    }
+}
+
+void tst_AdbClient::requireRealAdb()
+{
+    if (m_adbServer.state() != QProcess::Running)
+        QSKIP("Debian's adb is not installed");
+    m_provider.adbPath = REAL_ADB;
+}
+
+void tst_AdbClient::getState_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QByteArray>("out");
+    QTest::addColumn<QByteArray>("err");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<AdbClient::DeviceState>("expected");
+    QTest::addColumn<QtMsgType>("logType");
+    QTest::addColumn<QString>("logPattern");
+
+    const QString script = QStringLiteral("script");
+    QTest::newRow("device") << script << QByteArrayLiteral("device\r\n") << QByteArray() << 0
+                            << AdbClient::CONNECTED << QtDebugMsg
+                            << QStringLiteral("^\\[adb\\]\\[get-state\\] device found$");
+    QTest::newRow("not found") << script << QByteArray()
+                               << QByteArrayLiteral("error: device '127.0.0.1:5555' not found\n") << 1
+                               << AdbClient::DISCONNECTED << QtDebugMsg
+                               << QStringLiteral(
+                                      "^\\[adb\\]\\[get-state\\] device not found yet on 127.0.0.1:5555$");
+    QTest::newRow("connecting") << script << QByteArray()
+                                << QByteArrayLiteral("error: device still connecting\n") << 1
+                                << AdbClient::CONNECTING << QtDebugMsg
+                                << QStringLiteral("^\\[adb\\]\\[get-state\\] device connecting$");
+    QTest::newRow("other error") << script << QByteArrayLiteral("partial")
+                                 << QByteArrayLiteral("error: closed\n") << 1 << AdbClient::DISCONNECTED
+                                 << QtWarningMsg
+                                 << QStringLiteral(
+                                        "^\\[adb\\]\\[get-state\\] error for 127.0.0.1:5555\nstdout:\n"
+                                        "partial\nstderr:\nerror: closed$");
+    QTest::newRow("garbage with exit 0")
+        << script << QByteArrayLiteral("\x01\xff\xfe") << QByteArray() << 0 << AdbClient::DISCONNECTED
+        << QtWarningMsg << QStringLiteral("^\\[adb\\]\\[get-state\\] exit 0 with unrecognized output");
+    QTest::newRow("crash") << QStringLiteral("crash") << QByteArrayLiteral("device") << QByteArray() << 0
+                           << AdbClient::DISCONNECTED << QtWarningMsg
+                           << QStringLiteral("^\\[adb\\]\\[get-state\\] error for");
+    for (const char* kind : { "missing", "not executable", "empty path" })
+        QTest::newRow(kind) << QString::fromLatin1(kind) << QByteArray() << QByteArray() << 0
+                            << AdbClient::DISCONNECTED << QtWarningMsg
+                            << QStringLiteral("^\\[adb\\]\\[get-state\\] can't run");
+}
+
+void tst_AdbClient::getState()
+{
+    QFETCH(QString, kind);
+    QFETCH(QByteArray, out);
+    QFETCH(QByteArray, err);
+    QFETCH(int, exitCode);
+    QFETCH(AdbClient::DeviceState, expected);
+    QFETCH(QtMsgType, logType);
+    QFETCH(QString, logPattern);
+
+    m_adb->setResult(QStringLiteral("get-state"), out, err, exitCode);
+    if (kind == QLatin1String("crash"))
+        m_adb->setCrash(QStringLiteral("get-state"));
+    useAdb(kind);
+    AdbClient client(SERIAL);
+
+    QTest::ignoreMessage(logType, QRegularExpression(logPattern));
+    QCOMPARE(client.getState(), expected);
+    if (kind == QLatin1String("script") || kind == QLatin1String("crash"))
+        QCOMPARE(m_adb->calls(), QStringList { QStringLiteral("-s 127.0.0.1:5555 get-state") });
+    else
+        QVERIFY(m_adb->calls().isEmpty());
+}
+
+void tst_AdbClient::connectToAdb_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QByteArray>("stateOut");
+    QTest::addColumn<int>("connectExit");
+    QTest::addColumn<bool>("success");
+    QTest::addColumn<int>("connectRuns");
+    QTest::addColumn<QtMsgType>("logType");
+    QTest::addColumn<QString>("logPattern");
+
+    QTest::newRow("already connected")
+        << QStringLiteral("script") << QByteArrayLiteral("device\n") << 0 << true << 0 << QtDebugMsg
+        << QStringLiteral("^\\[adb\\]\\[connect\\] 127.0.0.1:5555 : already connected$");
+    QTest::newRow("connect fails") << QStringLiteral("script") << QByteArray() << 1 << false << 1
+                                   << QtCriticalMsg
+                                   << QStringLiteral(
+                                          "^\\[adb\\]\\[connect\\] 127.0.0.1:5555 : unable to connect:.*"
+                                          "failed to authenticate");
+    QTest::newRow("connect crashes") << QStringLiteral("crash") << QByteArray() << 0 << false << 1
+                                     << QtCriticalMsg << QStringLiteral("unable to connect");
+    for (const char* kind : { "missing", "not executable", "empty path" })
+        QTest::newRow(kind) << QString::fromLatin1(kind) << QByteArray() << 0 << false << 0 << QtCriticalMsg
+                            << QStringLiteral("^\\[adb\\]\\[connect\\] can't run");
+}
+
+void tst_AdbClient::connectToAdb()
+{
+    QFETCH(QString, kind);
+    QFETCH(QByteArray, stateOut);
+    QFETCH(int, connectExit);
+    QFETCH(bool, success);
+    QFETCH(int, connectRuns);
+    QFETCH(QtMsgType, logType);
+    QFETCH(QString, logPattern);
+
+    m_adb->setResult(QStringLiteral("get-state"), stateOut, QByteArrayLiteral("error: device not found"),
+                     stateOut.isEmpty() ? 1 : 0);
+    m_adb->setResult(QStringLiteral("connect"), QByteArrayLiteral("failed to authenticate to 127.0.0.1:5555"),
+                     QByteArray(), connectExit);
+    if (kind == QLatin1String("crash"))
+        m_adb->setCrash(QStringLiteral("connect"));
+    useAdb(kind);
+    AdbClient client(SERIAL);
+    QSignalSpy successSpy(&client, &AdbClient::connectSuccess);
+    QSignalSpy errorSpy(&client, &AdbClient::connectError);
+
+    QTest::ignoreMessage(logType, QRegularExpression(logPattern));
+    client.connectToAdb();
+    QCOMPARE(successSpy.count(), success ? 1 : 0);
+    QCOMPARE(errorSpy.count(), success ? 0 : 1);
+    QCOMPARE(m_adb->countCalls(QStringLiteral("connect")), connectRuns);
+    if (connectRuns)
+        QVERIFY(m_adb->calls().contains(QStringLiteral("connect 127.0.0.1:5555")));
+}
+
+void tst_AdbClient::connectSucceedsEvenIfDeviceNeverUsable()
+{
+    m_adb->setResult(QStringLiteral("get-state"), QByteArray(), QByteArrayLiteral("error: device not found"),
+                     1);
+    m_adb->setResult(QStringLiteral("connect"), QByteArrayLiteral("connected to 127.0.0.1:5555\n"));
+    AdbClient client(SERIAL);
+    QSignalSpy successSpy(&client, &AdbClient::connectSuccess);
+    QSignalSpy errorSpy(&client, &AdbClient::connectError);
+
+    QTest::ignoreMessage(QtWarningMsg, "Max attempts reached to get the device connected");
+    QTest::ignoreMessage(QtDebugMsg, "[adb][connect] 127.0.0.1:5555 : connected");
+    client.connectToAdb();
+    QCOMPARE(successSpy.count(), 1);
+    QCOMPARE(errorSpy.count(), 0);
+    // One check before connecting, then the limit of 2.
+    QCOMPARE(m_adb->countCalls(QStringLiteral("get-state")), 3);
+}
+
+void tst_AdbClient::waitForConnectedEndsWhenDeviceAppears()
+{
+    m_adb->setResult(QStringLiteral("get-state"), QByteArray(), QByteArrayLiteral("error: device not found"),
+                     1);
+    AdbClient client(SERIAL);
+    // Runs inside the wait's own event loop, between the first and the second check.
+    QTimer::singleShot(
+        0, this, [this] { m_adb->setResult(QStringLiteral("get-state"), QByteArrayLiteral("device")); });
+    QVERIFY(client.waitForConnected());
+    QCOMPARE(m_adb->countCalls(QStringLiteral("get-state")), 2);
+}
+
+void tst_AdbClient::releasedWhileWaitingStaysSilent()
+{
+    // As the tunnel does it: the client in an ADB thread, replaced (deleteLater from another thread)
+    // while it waits for the device.
+    m_adb->setResult(QStringLiteral("get-state"), QByteArray(), QByteArrayLiteral("error: device not found"),
+                     1);
+    QThread adbThread;
+    auto* client = new AdbClient(SERIAL);
+    int emitted = 0;
+    bool destroyed = false;
+    connect(client, &AdbClient::connectSuccess, this, [&emitted] { ++emitted; });
+    connect(client, &AdbClient::connectError, this, [&emitted] { ++emitted; });
+    connect(client, &QObject::destroyed, this, [&destroyed] { destroyed = true; });
+    client->moveToThread(&adbThread);
+    adbThread.start();
+    QVERIFY(QMetaObject::invokeMethod(client, &AdbClient::connectToAdb, Qt::QueuedConnection));
+
+    QTRY_VERIFY(m_adb->countCalls(QStringLiteral("get-state")) >= 2);
+    client->deleteLater();
+    QTRY_VERIFY_WITH_TIMEOUT(destroyed, 15000);
+    adbThread.quit();
+    QVERIFY(adbThread.wait());
+    QCoreApplication::processEvents();
+    QCOMPARE(emitted, 0);
+    QCOMPARE(m_adb->countCalls(QStringLiteral("get-state")), 3);
+}
+
+void tst_AdbClient::disconnectFromAdb_data()
+{
+    QTest::addColumn<QByteArray>("stateOut");
+    QTest::addColumn<int>("disconnectExit");
+    QTest::addColumn<QStringList>("expectedCalls");
+
+    const QString getState = QStringLiteral("-s 127.0.0.1:5555 get-state");
+    const QString disconnect = QStringLiteral("disconnect 127.0.0.1:5555");
+    QTest::newRow("connected") << QByteArrayLiteral("device") << 0 << QStringList { getState, disconnect };
+    QTest::newRow("not connected runs nothing") << QByteArray() << 0 << QStringList { getState };
+    QTest::newRow("disconnect fails")
+        << QByteArrayLiteral("device") << 1 << QStringList { getState, disconnect };
+}
+
+void tst_AdbClient::disconnectFromAdb()
+{
+    QFETCH(QByteArray, stateOut);
+    QFETCH(int, disconnectExit);
+    QFETCH(QStringList, expectedCalls);
+
+    m_adb->setResult(QStringLiteral("get-state"), stateOut, QByteArrayLiteral("error: device not found"),
+                     stateOut.isEmpty() ? 1 : 0);
+    m_adb->setResult(QStringLiteral("disconnect"), QByteArray(), QByteArrayLiteral("error: no such device"),
+                     disconnectExit);
+    if (disconnectExit)
+        QTest::ignoreMessage(
+            QtWarningMsg, "[adb][disconnect] 127.0.0.1:5555 : unable to disconnect: error: no such device");
+    AdbClient client(SERIAL);
+    client.disconnectFromAdb();
+    QCOMPARE(m_adb->calls(), expectedCalls);
+}
+
+void tst_AdbClient::install_data()
+{
+    QTest::addColumn<bool>("replace");
+    QTest::addColumn<QByteArray>("out");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<bool>("expected");
+    QTest::addColumn<AdbClient::Error>("error");
+
+    QTest::newRow("success, replacing")
+        << true << QByteArrayLiteral("Performing Streamed Install\r\nSuccess\r\n") << 0 << true
+        << AdbClient::UNKNOWN;
+    QTest::newRow("no matching abis")
+        << false
+        << QByteArrayLiteral(
+               "Performing Streamed Install\nadb: failed to install /tmp/a.apk: Failure "
+               "[INSTALL_FAILED_NO_MATCHING_ABIS: Failed to extract native libraries, res=-113]\n")
+        << 1 << false << AdbClient::NO_MATCHING_ABIS;
+    QTest::newRow("failure with exit 0")
+        << false
+        << QByteArrayLiteral("Failure [INSTALL_FAILED_UPDATE_INCOMPATIBLE: Package "
+                             "com.x signatures do not match]\n")
+        << 0 << false << AdbClient::INSTALL_FAILED_UPDATE_INCOMPATIBLE;
+    QTest::newRow("already exists") << false << QByteArrayLiteral("Failure [INSTALL_FAILED_ALREADY_EXISTS]\n")
+                                    << 1 << false << AdbClient::UNKNOWN;
+}
+
+void tst_AdbClient::install()
+{
+    QFETCH(bool, replace);
+    QFETCH(QByteArray, out);
+    QFETCH(int, exitCode);
+    QFETCH(bool, expected);
+    QFETCH(AdbClient::Error, error);
+
+    m_adb->setResult(QStringLiteral("install"), out, QByteArray(), exitCode);
+    AdbClient client(SERIAL);
+    if (!expected)
+        QTest::ignoreMessage(QtWarningMsg,
+                             QRegularExpression(QStringLiteral("unable to install file: /tmp/a.apk")));
+    QCOMPARE(client.install(QStringLiteral("/tmp/a.apk"), replace), expected);
+    QCOMPARE(client.error(), error);
+    QCOMPARE(m_adb->calls(),
+             QStringList { replace ? QStringLiteral("-s 127.0.0.1:5555 install -r /tmp/a.apk")
+                                   : QStringLiteral("-s 127.0.0.1:5555 install /tmp/a.apk") });
+}
+
+void tst_AdbClient::pullAsync_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QByteArray>("out");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<int>("lastProgress"); // -1: none
+    QTest::addColumn<int>("errorCode"); // 0: success expected
+
+    const QString script = QStringLiteral("script");
+    QTest::newRow("progress then success")
+        << script
+        << QByteArrayLiteral("[  0%] /sdcard/a.bin\r[ 42%] /sdcard/a.bin\r[100%] /sdcard/a.bin\n"
+                             "/sdcard/a.bin: 1 file pulled, 0 skipped. 3.1 MB/s (4096 bytes in 0.001s)\n")
+        << 0 << 100 << 0;
+    QTest::newRow("silent success ends at 100") << script << QByteArray() << 0 << 100 << 0;
+    QTest::newRow("failure after progress")
+        << script
+        << QByteArrayLiteral("[ 10%] /sdcard/a.bin\radb: error: failed to copy: No such file or directory\n")
+        << 1 << 10 << 1;
+    QTest::newRow("crash") << QStringLiteral("crash") << QByteArray() << 0 << -1 << -1;
+    QTest::newRow("missing adb") << QStringLiteral("missing") << QByteArray() << 0 << -1 << -1;
+}
+
+void tst_AdbClient::pullAsync()
+{
+    QFETCH(QString, kind);
+    QFETCH(QByteArray, out);
+    QFETCH(int, exitCode);
+    QFETCH(int, lastProgress);
+    QFETCH(int, errorCode);
+
+    m_adb->setResult(QStringLiteral("pull"), out, QByteArray(), exitCode);
+    if (kind == QLatin1String("crash"))
+        m_adb->setCrash(QStringLiteral("pull"));
+    useAdb(kind);
+    AdbClient client(SERIAL);
+    QSignalSpy startedSpy(&client, &AdbClient::pullStarted);
+    QSignalSpy progressSpy(&client, &AdbClient::pullProgress);
+    QSignalSpy succeededSpy(&client, &AdbClient::pullSucceeded);
+    QSignalSpy errorSpy(&client, &AdbClient::pullError);
+
+    QVERIFY(client.pullAsync(QStringLiteral("/sdcard/a.bin"), QStringLiteral("/tmp/dst")));
+    QTRY_COMPARE(succeededSpy.count() + errorSpy.count(), 1);
+    QVERIFY(!client.isPulling());
+    QCOMPARE(startedSpy.count(), kind == QLatin1String("missing") ? 0 : 1);
+    // Chunks of output may hold several percentages: only increasing values are reported.
+    int last = -1;
+    for (const QList<QVariant>& args : std::as_const(progressSpy)) {
+        QVERIFY(args.at(0).toInt() > last);
+        last = args.at(0).toInt();
+    }
+    QCOMPARE(last, lastProgress);
+    if (errorCode == 0) {
+        QCOMPARE(succeededSpy.count(), 1);
+    } else {
+        QCOMPARE(errorSpy.at(0).at(0).toInt(), errorCode);
+        QVERIFY(!client.rawError().isEmpty());
+    }
+    if (kind != QLatin1String("missing"))
+        QCOMPARE(m_adb->calls(),
+                 QStringList { QStringLiteral("-s 127.0.0.1:5555 pull -p /sdcard/a.bin /tmp/dst") });
+}
+
+void tst_AdbClient::cancelAndDestroyDuringPull()
+{
+    m_adb->setHang(QStringLiteral("pull"));
+    auto client = std::make_unique<AdbClient>(SERIAL);
+    QSignalSpy canceledSpy(client.get(), &AdbClient::pullCanceled);
+    QSignalSpy errorSpy(client.get(), &AdbClient::pullError);
+
+    QVERIFY(client->pullAsync(QStringLiteral("/sdcard/a.bin"), QStringLiteral("/tmp/dst")));
+    QTRY_VERIFY(m_adb->hungPid(QStringLiteral("pull")) > 0);
+    QTest::ignoreMessage(QtWarningMsg, "[adb][pull] 127.0.0.1:5555 : a pull is already running");
+    QVERIFY(!client->pullAsync(QStringLiteral("/sdcard/b.bin"), QStringLiteral("/tmp/dst")));
+    client->cancelPullAsync();
+    QTRY_COMPARE(canceledSpy.count(), 1);
+    QCOMPARE(errorSpy.count(), 0);
+    QVERIFY(!client->isPulling());
+    QTRY_VERIFY(isProcessGone(m_adb->hungPid(QStringLiteral("pull"))));
+
+    // Destroying the client mid-pull must not leave adb behind.
+    QFile::remove(m_adb->dir() + QLatin1String("/pull.pid"));
+    QVERIFY(client->pullAsync(QStringLiteral("/sdcard/a.bin"), QStringLiteral("/tmp/dst")));
+    QTRY_VERIFY(m_adb->hungPid(QStringLiteral("pull")) > 0);
+    client.reset();
+    QTRY_VERIFY(isProcessGone(m_adb->hungPid(QStringLiteral("pull"))));
+}
+
+void tst_AdbClient::isAvailable_data()
+{
+    QTest::addColumn<QString>("serial");
+    QTest::addColumn<bool>("withPath");
+    QTest::addColumn<bool>("expected");
+
+    QTest::newRow("ipv4 and port") << QStringLiteral("127.0.0.1:5555") << true << true;
+    QTest::newRow("ipv6 and port") << QStringLiteral("::1:5555") << true << true;
+    QTest::newRow("host name") << QStringLiteral("localhost:5555") << true << false;
+    QTest::newRow("port too large") << QStringLiteral("127.0.0.1:65536") << true << false;
+    QTest::newRow("port not a number") << QStringLiteral("127.0.0.1:adb") << true << false;
+    QTest::newRow("no port") << QStringLiteral("127.0.0.1") << true << false;
+    QTest::newRow("usb serial") << QStringLiteral("R58M12ABCDE") << true << false;
+    QTest::newRow("adb not found") << QStringLiteral("127.0.0.1:5555") << false << false;
+}
+
+void tst_AdbClient::isAvailable()
+{
+    QFETCH(QString, serial);
+    QFETCH(bool, withPath);
+    QFETCH(bool, expected);
+    if (!withPath)
+        m_provider.adbPath.clear();
+    QCOMPARE(AdbClient(serial).isAvailable(), expected);
+}
+
+void tst_AdbClient::realAdbUnknownSerial()
+{
+    requireRealAdb();
+    AdbClient client(QStringLiteral("127.0.0.1:1"));
+    QTest::ignoreMessage(QtDebugMsg, "[adb][get-state] device not found yet on 127.0.0.1:1");
+    QCOMPARE(client.getState(), AdbClient::DISCONNECTED);
+}
+
+void tst_AdbClient::realAdbConnectToClosedPort()
+{
+    requireRealAdb();
+    // adb connect reports a refused connection but exits with 0, so the wait decides nothing and
+    // the connection is reported as made.
+    AdbClient client(QStringLiteral("127.0.0.1:%1").arg(freeLoopbackPort()));
+    QSignalSpy successSpy(&client, &AdbClient::connectSuccess);
+    QSignalSpy errorSpy(&client, &AdbClient::connectError);
+    QTest::ignoreMessage(QtWarningMsg, "Max attempts reached to get the device connected");
+    client.connectToAdb();
+    QCOMPARE(successSpy.count(), 1);
+    QCOMPARE(errorSpy.count(), 0);
+    QVERIFY(!client.isConnected());
+}
+
+void tst_AdbClient::realAdbAcceptsArguments_data()
+{
+    QTest::addColumn<AdbCommand>("command");
+
+    const auto row = [](const char* name, const AdbCommand& command) { QTest::newRow(name) << command; };
+    row("pull",
+        [](AdbClient& c) { return c.pull(QStringLiteral("/sdcard/a.bin"), QStringLiteral("/tmp/a.bin")); });
+    row("push", [](AdbClient& c) { return c.push(REAL_ADB, QStringLiteral("/sdcard/adb")); });
+    row("install",
+        [this](AdbClient& c) { return c.install(m_home.filePath(QStringLiteral("a.apk")), true); });
+    row("shell", [](AdbClient& c) { return c.shell({ QStringLiteral("getprop"), QStringLiteral("ro.x") }); });
+    row("broadcast", [](AdbClient& c) {
+        return c.broadcastIntent(QStringLiteral("com.x.ACTION"),
+                                 { { QStringLiteral("text"), QStringLiteral("it's here") },
+                                   { QStringLiteral("count"), 3 },
+                                   { QStringLiteral("on"), true } });
+    });
+    row("start activity", [](AdbClient& c) {
+        return c.startActivity(QStringLiteral("com.x"), QStringLiteral(".MainActivity"));
+    });
+    row("forward", [](AdbClient& c) { return c.forward(27183, 27183); });
+}
+
+void tst_AdbClient::realAdbAcceptsArguments()
+{
+    QFETCH(AdbCommand, command);
+    requireRealAdb();
+    QFile apk(m_home.filePath(QStringLiteral("a.apk")));
+    QVERIFY(apk.open(QIODevice::WriteOnly));
+    apk.close();
+
+    // With an unknown serial adb gets as far as asking for the device only if it took the arguments.
+    AdbClient client(QStringLiteral("127.0.0.1:1"));
+    QVERIFY(!command(client));
+    QVERIFY2(client.rawError().contains(QLatin1String("not found")), qPrintable(client.rawError()));
+}
+
+QTEST_GUILESS_MAIN(tst_AdbClient)
+#include "tst_adbclient.moc"
