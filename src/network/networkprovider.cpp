@@ -24,7 +24,13 @@ NetworkProvider::NetworkProvider()
     qRegisterMetaType<QList<QSslError>>();
 }
 
-NetworkProvider::~NetworkProvider() = default;
+NetworkProvider::~NetworkProvider()
+{
+    // The storage would otherwise free this thread's manager only after the application object
+    // is gone, when closing its TLS connections can no longer reach Qt's TLS backend.
+    if (sNamStorage.hasLocalData())
+        sNamStorage.setLocalData(nullptr);
+}
 
 void NetworkProvider::setProxy(const QNetworkProxy& proxy)
 {
@@ -43,7 +49,7 @@ QNetworkProxy NetworkProvider::getProxy() const
 
 QNetworkAccessManager* NetworkProvider::getNetworkAccessManager()
 {
-    if (sNamStorage.hasLocalData())
+    if (sNamStorage.hasLocalData() && sNamStorage.localData())
         return sNamStorage.localData();
 
     QSslConfiguration sslConfiguration = QSslConfiguration::defaultConfiguration();
