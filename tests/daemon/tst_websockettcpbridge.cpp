@@ -1,0 +1,485 @@
+#include "adbprotocol/AdbPacket.h"
+#include "adbprotocol/AdbTunnelLogger.h"
+#include "adbprotocol/PacketReader.h"
+#include "daemon/adbtunnelversion.h"
+#include "daemon/web_socket_tcp_bridge.h"
+#include "mockwebsocket.h"
+#include "network/websocket.h"
+
+#include <QRandomGenerator>
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+#include <QWebSocket>
+#include <QWebSocketServer>
+
+#include <memory>
+
+namespace {
+
+QStringList g_warnings;
+QtMessageHandler g_previousHandler = nullptr;
+
+void captureWarnings(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    if (type == QtWarningMsg)
+        g_warnings.append(message);
+    g_previousHandler(type, context, message);
+}
+
+bool sawWarning(const QString& start)
+{
+    return QTest::qWaitFor([&] {
+        for (const QString& warning : qAsConst(g_warnings)) {
+            if (warning.startsWith(start))
+                return true;
+        }
+        return false;
+    });
+}
+
+QByteArray msg(quint32 command, quint32 arg0, quint32 arg1, const QByteArray& payload = {})
+{
+    return AdbPacket(command, arg0, arg1, payload).toByteArray();
+}
+
+// Header only, claiming a payload length the reader must refuse.
+QByteArray hugeHeader()
+{
+    const amessage header { AdbPacket::WRTE, 1, 2, 0x7FFFFFFF, 0, ~quint32(AdbPacket::WRTE) };
+    return QByteArray(reinterpret_cast<const char*>(&header), sizeof header);
+}
+
+// The local ADB server's side: a real TCP client that cuts what it receives into messages.
+class AdbServerSide : public QObject
+{
+public:
+    explicit AdbServerSide(quint16 port)
+    {
+        connect(&m_socket, &QTcpSocket::readyRead, this, [this] {
+            m_reader.append(m_socket.readAll());
+            while (m_reader.packetAvailable())
+                m_received.append(m_reader.read().toByteArray());
+        });
+        m_socket.connectToHost(QHostAddress::LocalHost, port);
+    }
+    void send(const QByteArray& bytes) { m_socket.write(bytes); }
+    bool waitReceived(qsizetype count)
+    {
+        return QTest::qWaitFor([&] { return m_received.size() >= count; }) && m_received.size() == count;
+    }
+
+    QTcpSocket m_socket;
+    PacketReader m_reader;
+    QByteArrayList m_received;
+};
+
+} // namespace
+
+class TestWebSocketTcpBridge : public QObject
+{
+    Q_OBJECT
+
+private:
+    std::unique_ptr<MockWebSocket> m_device;
+    std::unique_ptr<WebSocketTcpBridge> m_bridge;
+    std::unique_ptr<AdbServerSide> m_server;
+    bool m_v2 = true;
+
+    // Starts a bridge and connects an ADB server side whose CNXN reached the device.
+    bool startRelay()
+    {
+        m_device = std::make_unique<MockWebSocket>();
+        m_bridge = std::make_unique<WebSocketTcpBridge>(m_device.get(), QStringLiteral("uuid-1"));
+        m_bridge->start(0);
+        if (m_bridge->getState() != WebSocketTcpBridge::RUNNING)
+            return false;
+        m_server = std::make_unique<AdbServerSide>(m_bridge->getTcpPort());
+        m_server->send(msg(AdbPacket::CNXN, 0x01000001, 256 * 1024, "host::"));
+        return waitSent(1);
+    }
+    bool waitSent(qsizetype count)
+    {
+        return QTest::qWaitFor([&] { return m_device->m_sent.size() >= count; })
+            && m_device->m_sent.size() == count;
+    }
+    // Opens server stream `local` that the device answers as `remote`.
+    bool openServerStream(quint32 local, quint32 remote)
+    {
+        const qsizetype sent = m_device->m_sent.size();
+        const qsizetype received = m_server->m_received.size();
+        m_server->send(msg(AdbPacket::OPEN, local, 0, "shell:\0"));
+        m_device->deliver(msg(AdbPacket::OKAY, remote, local));
+        return waitSent(sent + 1) && m_server->waitReceived(received + 1);
+    }
+    // A CNXN is always relayed: once it arrived, everything the server sent before was processed.
+    bool syncServerToDevice(AdbServerSide* server = nullptr)
+    {
+        static quint32 markers = 0;
+        const QByteArray marker = msg(AdbPacket::CNXN, 1, ++markers, "marker");
+        (server ? server : m_server.get())->send(marker);
+        return QTest::qWaitFor(
+            [&] { return !m_device->m_sent.isEmpty() && m_device->m_sent.last() == marker; });
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        AdbTunnelLogger::installAdbTunnelLogCategory();
+        g_previousHandler = qInstallMessageHandler(captureWarnings);
+        m_v2 = AdbTunnelVersion::isMegaFastEnabled();
+        qInfo() << "tunnel protocol version" << AdbTunnelVersion::getVersion();
+    }
+    void init() { g_warnings.clear(); }
+    void cleanup()
+    {
+        m_server.reset();
+        m_bridge.reset();
+        m_device.reset();
+    }
+
+    void startTwiceThenStop()
+    {
+        MockWebSocket device;
+        WebSocketTcpBridge bridge(&device, QStringLiteral("uuid-1"));
+        QSignalSpy states(&bridge, &WebSocketTcpBridge::stateChanged);
+        bridge.start(0);
+        QCOMPARE(states.size(), 2);
+        QCOMPARE(states.at(0).at(0).value<WebSocketTcpBridge::State>(), WebSocketTcpBridge::WAITING);
+        QCOMPARE(bridge.getState(), WebSocketTcpBridge::RUNNING);
+        QVERIFY(bridge.getTcpPort() != 0);
+
+        bridge.start(0);
+        QVERIFY(sawWarning(QStringLiteral("Bridge already started.")));
+        QCOMPARE(states.size(), 2);
+
+        bridge.stop();
+        QCOMPARE(bridge.getState(), WebSocketTcpBridge::IDLE);
+        QCOMPARE(bridge.getLastError(), WebSocketTcpBridge::NoError);
+        // A stopped bridge no longer listens to the socket: its later close keeps NoError.
+        device.dropConnection();
+        QCOMPARE(bridge.getLastError(), WebSocketTcpBridge::NoError);
+    }
+
+    void startFailures_data()
+    {
+        QTest::addColumn<bool>("socketConnected");
+        QTest::addColumn<bool>("portBusy");
+        QTest::addColumn<QString>("warning");
+        QTest::addColumn<WebSocketTcpBridge::Error>("error");
+        QTest::newRow("web socket not connected")
+            << false << false << QStringLiteral("webSocket not in connected state.")
+            << WebSocketTcpBridge::WebSocketError;
+        QTest::newRow("busy port") << true << true << QStringLiteral("Tcp server cannot listen")
+                                   << WebSocketTcpBridge::TcpServerError;
+    }
+    void startFailures()
+    {
+        QFETCH(bool, socketConnected);
+        QFETCH(bool, portBusy);
+        QFETCH(QString, warning);
+        QFETCH(WebSocketTcpBridge::Error, error);
+
+        QTcpServer occupant;
+        QVERIFY(occupant.listen(QHostAddress::Any, 0));
+        MockWebSocket device;
+        if (!socketConnected)
+            device.m_state = QAbstractSocket::UnconnectedState;
+        WebSocketTcpBridge bridge(&device, QStringLiteral("uuid-1"));
+        QSignalSpy states(&bridge, &WebSocketTcpBridge::stateChanged);
+        bridge.start(portBusy ? occupant.serverPort() : 0);
+        QVERIFY(sawWarning(warning));
+        QCOMPARE(states.size(), 2);
+        QCOMPARE(states.at(0).at(0).value<WebSocketTcpBridge::State>(), WebSocketTcpBridge::WAITING);
+        QCOMPARE(states.at(1).at(0).value<WebSocketTcpBridge::State>(), WebSocketTcpBridge::IDLE);
+        QCOMPARE(bridge.getLastError(), error);
+        QVERIFY(!bridge.getTcpPort());
+    }
+
+    // The tunnel reads the error inside stateChanged(IDLE) and must still see the old one.
+    void webSocketDisconnectOrder()
+    {
+        QVERIFY(startRelay());
+        QList<WebSocketTcpBridge::Error> errorsSeen;
+        QObject scope;
+        connect(m_bridge.get(), &WebSocketTcpBridge::stateChanged, &scope,
+                [&](WebSocketTcpBridge::State) { errorsSeen.append(m_bridge->getLastError()); });
+        m_device->dropConnection();
+        QCOMPARE(errorsSeen, QList<WebSocketTcpBridge::Error> { WebSocketTcpBridge::NoError });
+        QCOMPARE(m_bridge->getState(), WebSocketTcpBridge::IDLE);
+        QCOMPARE(m_bridge->getLastError(), WebSocketTcpBridge::WebSocketError);
+    }
+
+    void tcpDataAfterWebSocketDestroyed()
+    {
+        QVERIFY(startRelay());
+        m_device.reset();
+        m_server->send(msg(AdbPacket::CNXN, 1, 2));
+        QVERIFY(sawWarning(QStringLiteral("Null mWebSocket")));
+        QCOMPARE(m_bridge->getState(), WebSocketTcpBridge::RUNNING);
+    }
+
+    void secondClientRefusedThenReplaced()
+    {
+        QVERIFY(startRelay());
+        QSignalSpy gone(m_bridge.get(), &WebSocketTcpBridge::tcpSocketDisconnected);
+        AdbServerSide intruder(m_bridge->getTcpPort());
+        intruder.send(msg(AdbPacket::CNXN, 9, 9, "intruder"));
+        QTRY_COMPARE(intruder.m_socket.state(), QAbstractSocket::UnconnectedState);
+        QVERIFY(syncServerToDevice());
+        QCOMPARE(m_device->m_sent.size(), 2);
+        QCOMPARE(gone.size(), 0);
+
+        m_server->m_socket.disconnectFromHost();
+        QVERIFY(gone.wait());
+        AdbServerSide next(m_bridge->getTcpPort());
+        next.send(msg(AdbPacket::CNXN, 3, 3, "next"));
+        QVERIFY(waitSent(3));
+        m_device->deliver(msg(AdbPacket::CNXN, 4, 4, "device"));
+        QVERIFY(next.waitReceived(1));
+    }
+
+    void serverWriteIsAcknowledgedLocally()
+    {
+        QVERIFY(startRelay());
+        QVERIFY(openServerStream(5, 900));
+        const QByteArray write = msg(AdbPacket::WRTE, 5, 900, "data");
+        m_server->send(write);
+        QVERIFY(waitSent(3));
+        QCOMPARE(m_device->m_sent.last(), write);
+        if (m_v2) {
+            // Answered by the bridge, as the device would: OKAY(device id, server id).
+            QVERIFY(m_server->waitReceived(2));
+            QCOMPARE(m_server->m_received.last(), msg(AdbPacket::OKAY, 900, 5));
+            // The device's own acknowledgement of that write is still relayed.
+            m_device->deliver(msg(AdbPacket::OKAY, 900, 5));
+            QVERIFY(m_server->waitReceived(3));
+        } else {
+            QVERIFY(syncServerToDevice());
+            QCOMPARE(m_server->m_received.size(), 1);
+        }
+    }
+
+    void deviceWritesReleasedOnePerOkay()
+    {
+        QVERIFY(startRelay());
+        QVERIFY(openServerStream(7, 300));
+        const QByteArrayList writes { msg(AdbPacket::WRTE, 300, 7, "one"),
+                                      msg(AdbPacket::WRTE, 300, 7, "two"),
+                                      msg(AdbPacket::WRTE, 300, 7, "three") };
+        m_device->deliver(writes.join());
+        if (!m_v2) {
+            QVERIFY(m_server->waitReceived(4));
+            QCOMPARE(m_server->m_received.mid(1), writes);
+            return;
+        }
+        QVERIFY(m_server->waitReceived(2));
+        const qsizetype sentBefore = m_device->m_sent.size();
+        for (int i = 1; i < 3; ++i) {
+            QVERIFY(syncServerToDevice());
+            QCOMPARE(m_server->m_received.size(), 1 + i);
+            m_server->send(msg(AdbPacket::OKAY, 7, 300));
+            QVERIFY(m_server->waitReceived(2 + i));
+        }
+        QCOMPARE(m_server->m_received.mid(1), writes);
+        // The third OKAY finds nothing queued: it opens the gate for the next write at once.
+        m_server->send(msg(AdbPacket::OKAY, 7, 300));
+        QVERIFY(syncServerToDevice());
+        const QByteArray fourth = msg(AdbPacket::WRTE, 300, 7, "four");
+        m_device->deliver(fourth);
+        QVERIFY(m_server->waitReceived(5));
+        QCOMPARE(m_server->m_received.last(), fourth);
+        // None of the server's OKAYs went on to the device; only the sync markers did.
+        for (qsizetype i = sentBefore; i < m_device->m_sent.size(); ++i)
+            QCOMPARE(AdbPacket::headerWord(m_device->m_sent.at(i), 0), quint32(AdbPacket::CNXN));
+    }
+
+    void closeFromServerFirst()
+    {
+        QVERIFY(startRelay());
+        QVERIFY(openServerStream(11, 40));
+        using Key = AdbSession::Key;
+        QCOMPARE(m_bridge->sessionKeys(), QList<Key> { Key(11, 0) });
+
+        m_device->deliver(msg(AdbPacket::WRTE, 40, 11, "tail"));
+        QVERIFY(m_server->waitReceived(2));
+        m_server->send(msg(AdbPacket::OKAY, 11, 40));
+        m_server->send(msg(AdbPacket::CLSE, 11, 40));
+        QVERIFY(syncServerToDevice());
+        QCOMPARE(m_bridge->sessionKeys(), QList<Key> { Key(11, 0) });
+
+        const QByteArray close = msg(AdbPacket::CLSE, 40, 11);
+        m_device->deliver(msg(AdbPacket::WRTE, 40, 11, "late") + close);
+        if (m_v2) {
+            // The queued CLSE follows the write queued before it, released by the next OKAY.
+            QVERIFY(m_server->waitReceived(3));
+            QCOMPARE(m_bridge->sessionKeys(), QList<Key> { Key(11, 0) });
+            m_server->send(msg(AdbPacket::OKAY, 11, 40));
+            QVERIFY(m_server->waitReceived(4));
+            QCOMPARE(m_server->m_received.last(), close);
+            QTRY_VERIFY(m_bridge->sessionKeys().isEmpty());
+        } else {
+            // At version 1 deletion is only attempted on the server's CLSE.
+            QVERIFY(m_server->waitReceived(4));
+            QCOMPARE(m_server->m_received.last(), close);
+            QCOMPARE(m_bridge->sessionKeys(), QList<Key> { Key(11, 0) });
+        }
+    }
+
+    void closeFromDeviceFirst()
+    {
+        QVERIFY(startRelay());
+        QVERIFY(openServerStream(12, 41));
+        m_device->deliver(msg(AdbPacket::CLSE, 41, 12));
+        QVERIFY(m_server->waitReceived(2));
+        m_server->send(msg(AdbPacket::CLSE, 12, 41));
+        QVERIFY(waitSent(3));
+        QTRY_VERIFY(m_bridge->sessionKeys().isEmpty());
+    }
+
+    void sessionKeysPerOpener()
+    {
+        QVERIFY(startRelay());
+        QVERIFY(openServerStream(5, 5));
+        m_device->deliver(msg(AdbPacket::OPEN, 5, 0, "tcp:8000"));
+        QVERIFY(m_server->waitReceived(2));
+        using Key = AdbSession::Key;
+        QCOMPARE(m_bridge->sessionKeys(), (QList<Key> { Key(5, 0), Key(5, 1) }));
+
+        // A repeated OPEN replaces the session; the other opener's stream 5 is untouched.
+        m_server->send(msg(AdbPacket::OPEN, 5, 0, "shell:\0"));
+        QVERIFY(sawWarning(QStringLiteral("ADB TUNNEL duplicate OPEN")));
+        QCOMPARE(m_bridge->sessionKeys(), (QList<Key> { Key(5, 0), Key(5, 1) }));
+    }
+
+    void unknownStreamsAreRelayedWithWarning()
+    {
+        QVERIFY(startRelay());
+        const QByteArray serverWrite = msg(AdbPacket::WRTE, 77, 88, "x");
+        m_server->send(serverWrite);
+        QVERIFY(waitSent(2));
+        QCOMPARE(m_device->m_sent.last(), serverWrite);
+        QVERIFY(sawWarning(QStringLiteral(
+            "ADB TUNNEL Incoming message from ADB Server. No session found, serverId 77 daemonId 88")));
+
+        const QByteArray deviceClose = msg(AdbPacket::CLSE, 88, 77);
+        m_device->deliver(msg(AdbPacket::WRTE, 88, 77, "y") + deviceClose);
+        QVERIFY(m_server->waitReceived(2));
+        QCOMPARE(m_server->m_received.last(), deviceClose);
+        QVERIFY(sawWarning(QStringLiteral(
+            "ADB TUNNEL Incoming message from device. No session found, serverId 77 daemonId 88")));
+    }
+
+    // Frames and TCP reads cut messages anywhere and glue several together.
+    void arbitraryCutsBothWays()
+    {
+        QVERIFY(startRelay());
+        QRandomGenerator random(4242);
+        QByteArrayList fromDevice;
+        QByteArrayList fromServer;
+        QByteArray deviceStream;
+        QByteArray serverStream;
+        for (int i = 0; i < 400; ++i) {
+            QByteArray payload(random.bounded(0, 3000), char('a' + i % 26));
+            fromDevice.append(msg(AdbPacket::AUTH, 1, quint32(i), payload));
+            deviceStream += fromDevice.last();
+            fromServer.append(msg(AdbPacket::CNXN, 2, quint32(i), payload));
+            serverStream += fromServer.last();
+        }
+        for (qsizetype pos = 0; pos < deviceStream.size();) {
+            const qsizetype cut = random.bounded(1, 9000);
+            m_device->deliver(deviceStream.mid(pos, cut));
+            pos += cut;
+        }
+        m_server->send(serverStream);
+        QVERIFY(m_server->waitReceived(fromDevice.size()));
+        QCOMPARE(m_server->m_received, fromDevice);
+        QVERIFY(waitSent(1 + fromServer.size()));
+        QCOMPARE(m_device->m_sent.mid(1), fromServer);
+    }
+
+    void oversizedMessages()
+    {
+        QVERIFY(startRelay());
+        QSignalSpy gone(m_bridge.get(), &WebSocketTcpBridge::tcpSocketDisconnected);
+        m_server->send(hugeHeader() + QByteArray(5000, 'g'));
+        QVERIFY(gone.wait());
+        QVERIFY(sawWarning(QStringLiteral("ADB TUNNEL Invalid message from ADB Server")));
+        QCOMPARE(m_device->m_sent.size(), 1);
+        // The next connection starts clean.
+        AdbServerSide next(m_bridge->getTcpPort());
+        next.send(msg(AdbPacket::CNXN, 1, 1));
+        QVERIFY(waitSent(2));
+
+        const QByteArray okay = msg(AdbPacket::CNXN, 3, 3);
+        m_device->deliver(okay + hugeHeader());
+        QVERIFY(next.waitReceived(1));
+        QCOMPARE(m_device->m_aborts, 1);
+        m_device->deliver(okay);
+        QVERIFY(syncServerToDevice(&next));
+        QCOMPARE(next.m_received.size(), 1);
+    }
+
+    // The production WebSocket against a real WebSocket server on loopback.
+    void realWebSocket()
+    {
+        QWebSocketServer cloud(QStringLiteral("cloud"), QWebSocketServer::NonSecureMode);
+        QVERIFY(cloud.listen(QHostAddress::LocalHost, 0));
+        QSignalSpy accepted(&cloud, &QWebSocketServer::newConnection);
+
+        // A refused connection shows only as state signals, never as errorOccured.
+        {
+            QTcpServer closed;
+            QVERIFY(closed.listen(QHostAddress::LocalHost, 0));
+            const quint16 closedPort = closed.serverPort();
+            closed.close();
+            WebSocket refused(QString(), QWebSocketProtocol::VersionLatest, nullptr);
+            QSignalSpy errors(&refused, &AbstractWebSocket::errorOccured);
+            QSignalSpy disconnected(&refused, &AbstractWebSocket::disconnected);
+            refused.open(QUrl(QStringLiteral("ws://127.0.0.1:%1").arg(closedPort)));
+            QVERIFY(disconnected.wait());
+            QCOMPARE(errors.size(), 0);
+            QCOMPARE(refused.error(), QAbstractSocket::ConnectionRefusedError);
+        }
+
+        WebSocket device(QString(), QWebSocketProtocol::VersionLatest, nullptr);
+        QSignalSpy connected(&device, &AbstractWebSocket::connected);
+        device.open(QUrl(QStringLiteral("ws://127.0.0.1:%1").arg(cloud.serverPort())));
+        QVERIFY(connected.wait());
+        QTRY_COMPARE(accepted.size(), 1);
+        std::unique_ptr<QWebSocket> instance(cloud.nextPendingConnection());
+        QByteArrayList atInstance;
+        connect(instance.get(), &QWebSocket::binaryMessageReceived, this,
+                [&](const QByteArray& message) { atInstance.append(message); });
+
+        WebSocketTcpBridge bridge(&device, QStringLiteral("uuid-real"));
+        bridge.start(0);
+        QCOMPARE(bridge.getState(), WebSocketTcpBridge::RUNNING);
+        AdbServerSide server(bridge.getTcpPort());
+        const QByteArray connect = msg(AdbPacket::CNXN, 0x01000001, 256 * 1024, "host::features=shell_v2");
+        const QByteArray big = msg(AdbPacket::CNXN, 1, 1, QByteArray(200 * 1024, 'b'));
+        server.send(connect + big);
+        QTRY_COMPARE(atInstance.size(), 2);
+        QCOMPARE(atInstance.at(0), connect);
+        QCOMPARE(atInstance.at(1), big);
+
+        const QByteArray reply = msg(AdbPacket::CNXN, 0x01000001, 256 * 1024, "device::ro.product.name=sim");
+        instance->sendBinaryMessage(reply.left(10));
+        instance->sendBinaryMessage(reply.mid(10));
+        QVERIFY(server.waitReceived(1));
+        QCOMPARE(server.m_received.first(), reply);
+
+        // close() invoked by name closes normally.
+        QSignalSpy instanceGone(instance.get(), &QWebSocket::disconnected);
+        QSignalSpy states(&bridge, &WebSocketTcpBridge::stateChanged);
+        QVERIFY(QMetaObject::invokeMethod(&device, "close"));
+        QVERIFY(instanceGone.wait());
+        QCOMPARE(instance->closeCode(), QWebSocketProtocol::CloseCodeNormal);
+        QTRY_COMPARE(bridge.getState(), WebSocketTcpBridge::IDLE);
+        QCOMPARE(bridge.getLastError(), WebSocketTcpBridge::WebSocketError);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestWebSocketTcpBridge)
+#include "tst_websockettcpbridge.moc"
