@@ -1,1 +1,220 @@
-int main() { return 0; }
+#include "adbtunneldaemon.h"
+#include "adbtunnelparser.h"
+#include "configprovider.h"
+#include "credentialsprovider.h"
+#include "daemonutils.h"
+#include "jsonreader.h"
+#include "kbsaasandroidtoolsprovider.h"
+
+#include "adbprotocol/AdbTunnelLogger.h"
+#include "androidtools/androidtoolsprovider.h"
+#include "network/networkprovider.h"
+#include "network/ssllibs.h"
+#include "singleinstance/singleinstance.h"
+#include "utils/envvars.h"
+#include "utils/loghandler.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDebug>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkProxy>
+#include <QProcess>
+
+#include <cstdio>
+#include <memory>
+
+using namespace AdbTunnelConstants;
+
+namespace {
+
+const QLatin1String DAEMON_FLAG("-d");
+const char* const MESSAGE_PATTERN
+    = "{isodate} [%{appname}:%{pid}:%{qthreadptr}] [%{if-category}%{category}.%{endif}%{type}] %{message}";
+constexpr int DAEMON_START_TIMEOUT_MS = 5000;
+constexpr int REPLY_TIMEOUT_MS = 30000;
+constexpr int DAEMON_STOP_TIMEOUT_MS = 5000;
+
+QString singleInstanceDirectory()
+{
+    return getKbsaasConfigHomePath() + QStringLiteral("/tmp");
+}
+
+void writeOut(FILE* stream, const QByteArray& bytes)
+{
+    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stream);
+    std::fflush(stream);
+}
+
+} // namespace
+
+void printResult(const QVariantMap& result)
+{
+    QVariantMap document = result;
+    document.insert(EXIT_CODE_KEY, 0);
+    writeOut(stdout, QJsonDocument(QJsonObject::fromVariantMap(document)).toJson(QJsonDocument::Indented));
+}
+
+void printError(int exitCode, const QString& message, const QString& details)
+{
+    const QJsonObject error { { ERROR_MESSAGE_KEY, message }, { ERROR_DETAILS_KEY, details } };
+    const QJsonObject document { { ERROR_KEY, error }, { EXIT_CODE_KEY, exitCode } };
+    const QByteArray text = QJsonDocument(document).toJson(QJsonDocument::Indented);
+    qWarning().noquote() << QString::fromUtf8(text);
+    writeOut(stderr, text);
+}
+
+bool startServer(SingleInstance* instance)
+{
+    QProcess process;
+    process.setProgram(QCoreApplication::applicationFilePath());
+    process.setArguments({ DAEMON_FLAG });
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.setStandardOutputFile(QProcess::nullDevice(), QIODevice::Truncate);
+    process.setStandardErrorFile(QProcess::nullDevice(), QIODevice::Truncate);
+    if (!process.startDetached()) {
+        qWarning() << "Failed to start the daemon:" << process.errorString();
+        return false;
+    }
+    return instance->waitForInstanceConnected(DAEMON_START_TIMEOUT_MS);
+}
+
+int mainServer(QCoreApplication* app)
+{
+    qDebug() << "==== SERVER starting args:" << app->arguments() << "====";
+    DaemonUtils::setup();
+
+    const QString configHome = getKbsaasConfigHomePath();
+    JsonReader authReader(configHome + QStringLiteral("/auth.json"));
+    JsonReader configReader(configHome + QStringLiteral("/config.json"));
+    CredentialsProvider credentialsProvider(&authReader);
+    ConfigProvider configProvider(&configReader);
+
+    auto toolsProvider = std::make_unique<KbsaasAndroidToolsProvider>(configProvider.getAndroidSdkPath());
+    AndroidToolsProvider::setInstance(toolsProvider.get());
+
+    NetworkProvider networkProvider;
+    const QUrl proxyUrl = configProvider.getProxyUrl();
+    if (proxyUrl.isValid()) {
+        const QNetworkProxy::ProxyType type = proxyUrl.scheme() == QLatin1String("socks5")
+            ? QNetworkProxy::Socks5Proxy
+            : QNetworkProxy::HttpProxy;
+        const QNetworkProxy proxy(type, proxyUrl.host(), quint16(proxyUrl.port(-1)), proxyUrl.userName(),
+                                  proxyUrl.password());
+        qDebug().noquote() << QStringLiteral("Config proxy used: %1://%2:%3")
+                                  .arg(proxyUrl.scheme(), proxy.hostName())
+                                  .arg(proxy.port());
+        networkProvider.setProxy(proxy);
+    } else {
+        QNetworkProxy::setApplicationProxy(QNetworkProxy(QNetworkProxy::NoProxy));
+        networkProvider.setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
+        qDebug() << "No proxy used";
+    }
+
+    AdbTunnelDaemon daemon(&networkProvider, &credentialsProvider, nullptr);
+
+    SingleInstance instance(ADBTUNNELD_NAME, singleInstanceDirectory());
+    instance.setMessageHandlerFunction(
+        [&daemon](const QVariantMap& message) { return daemon.handleMessage(message); });
+
+    int exitCode = 0;
+    switch (instance.tryCreateInstance()) {
+    case 1:
+        qDebug() << "==== SERVER already exists, exiting ====";
+        exitCode = 0;
+        break;
+    case 2:
+        qWarning() << "==== SERVER failed to start: could not create local socket ====";
+        exitCode = 2;
+        break;
+    default:
+        qDebug() << "==== SERVER started ====";
+        QObject::connect(&daemon, &AdbTunnelDaemon::quit, app, &QCoreApplication::quit);
+        exitCode = app->exec();
+        break;
+    }
+
+    qDebug() << "==== SERVER exit code:" << exitCode << "====";
+    AndroidToolsProvider::setInstance(nullptr);
+    return exitCode;
+}
+
+namespace {
+
+int runClient(QCoreApplication* app)
+{
+    QCommandLineParser parser;
+    AdbTunnelParser::setupParser(&parser);
+    parser.process(*app);
+    const QVariantMap message = AdbTunnelParser::getMessageFromParser(parser);
+    if (message.isEmpty()) {
+        qWarning() << "Bad arguments" << app->arguments();
+        writeOut(stdout, parser.helpText().toUtf8());
+        return 1;
+    }
+
+    SingleInstance instance(ADBTUNNELD_NAME, singleInstanceDirectory());
+    const QString command = message.value(COMMAND_KEY).toString();
+
+    if (!instance.waitForInstanceConnected(0)) {
+        if (command != START_COMMAND && command != CONNECT_COMMAND) {
+            printResult({ { RUNNING, false } });
+            return 0;
+        }
+        if (!startServer(&instance)) {
+            printError(2, QStringLiteral("Failed to start 'kbadbtunneld'."), QString());
+            return 2;
+        }
+    } else if (command == START_COMMAND) {
+        printResult({ { RUNNING, true } });
+        return 0;
+    }
+
+    const QVariant reply = instance.sendMessage(message, REPLY_TIMEOUT_MS);
+    if (!reply.isValid()) {
+        printError(2, QStringLiteral("Invalid response"), QString());
+        return 2;
+    }
+
+    if (command == STOP_COMMAND) {
+        if (instance.waitForInstanceDisconnected(DAEMON_STOP_TIMEOUT_MS)) {
+            printResult({ { RUNNING, false } });
+            return 0;
+        }
+        printError(2, QStringLiteral("Failed to stop 'kbadbtunneld'."), QString());
+        return 2;
+    }
+
+    QVariantMap result = reply.canConvert<QVariantMap>() ? reply.toMap() : QVariantMap();
+    result.insert(RUNNING, true);
+    printResult(result);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    LogHandler::install(QStringLiteral("%1/%2.log").arg(getKbsaasConfigHomePath(), ADBTUNNELD_NAME),
+                        LogHandler::Quiet, QString::fromLatin1(MESSAGE_PATTERN));
+    AdbTunnelLogger::installAdbTunnelLogCategory();
+    SslLibs::preload();
+
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setOrganizationName(ORGANIZATION_NAME);
+    QCoreApplication::setOrganizationDomain(QStringLiteral("tarnwright.com"));
+    QCoreApplication::setApplicationName(ADBTUNNELD_NAME);
+    QCoreApplication::setApplicationVersion(
+        EnvVars::getString("KBADBTUNNELD_VERSION", QStringLiteral("1.16.0")));
+    QCoreApplication::addLibraryPath(QCoreApplication::applicationDirPath() + QStringLiteral("/plugins"));
+
+    if (app.arguments().constLast() == DAEMON_FLAG)
+        return mainServer(&app);
+
+    qDebug() << "==== CLIENT starting args:" << app.arguments() << "====";
+    const int exitCode = runClient(&app);
+    qDebug() << "==== CLIENT exit code:" << exitCode << "====";
+    return exitCode;
+}

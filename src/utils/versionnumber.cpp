@@ -11,12 +11,12 @@ VersionNumber::VersionNumber(int major, int minor, int patch, int patchStatus, q
     , m_patch(patch)
     , m_patchStatus(patchStatus)
     , m_patchStatusNumber(patchStatusNumber)
-{
-}
+{ }
 
 VersionNumber VersionNumber::fromString(const QString& text)
 {
-    static const struct {
+    static const struct
+    {
         const char* separator;
         PatchStatus status;
     } tags[] = { { "-alpha", Alpha }, { "-beta", Beta }, { "-rc", ReleaseCandidate } };

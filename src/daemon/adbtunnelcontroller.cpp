@@ -1,0 +1,121 @@
+#include "adbtunnelcontroller.h"
+
+#include "utils/loghandler.h"
+
+#include <QDebug>
+#include <QMetaObject>
+#include <QThread>
+#include <QTimer>
+
+namespace {
+constexpr int RESTART_DELAY_MS = 1000;
+} // namespace
+
+AdbTunnelController::AdbTunnelController(NetworkProvider* networkProvider,
+                                         AbstractCredentialsProvider* credentialsProvider, const QString& id,
+                                         quint16 port)
+    : QObject(nullptr)
+    , m_thread(new QThread(this))
+    , m_networkProvider(networkProvider)
+    , m_credentialsProvider(credentialsProvider)
+{
+    m_info.id = id;
+    m_info.port = port;
+    m_thread->setObjectName(QStringLiteral("tunnel-%1").arg(id));
+    createTunnel();
+}
+
+AdbTunnelController::~AdbTunnelController()
+{
+    if (m_tunnel) {
+        AdbTunnel* tunnel = m_tunnel;
+        m_tunnel = nullptr;
+        tunnel->deleteLater();
+    }
+    m_thread->quit();
+    m_thread->wait();
+}
+
+AdbTunnelInfo AdbTunnelController::info() const
+{
+    return m_info;
+}
+
+void AdbTunnelController::setRetryEnabled(bool enabled)
+{
+    m_retryEnabled = enabled;
+}
+
+bool AdbTunnelController::canRestart() const
+{
+    return m_retryEnabled && m_restartsLeft > 0;
+}
+
+void AdbTunnelController::resetRestart()
+{
+    m_restartsLeft = MAX_RESTARTS;
+}
+
+void AdbTunnelController::createTunnel()
+{
+    LogHandler::LogPrefixer prefixer(QStringLiteral("[UUID:%1]").arg(m_info.id));
+    qDebug().noquote() << "Attempting to create tunnel." << int(m_restartsLeft) << "attempts left.";
+    --m_restartsLeft;
+
+    if (!m_thread->isRunning())
+        m_thread->start(QThread::InheritPriority);
+
+    AdbTunnel* previous = m_tunnel;
+    m_tunnel = new AdbTunnel(m_networkProvider, m_credentialsProvider, &m_info, nullptr);
+    if (previous)
+        previous->deleteLater();
+    m_tunnel->moveToThread(m_thread);
+
+    connect(m_tunnel, &AdbTunnel::error, this, &AdbTunnelController::onTunnelError);
+    connect(m_tunnel, &AdbTunnel::success, this, &AdbTunnelController::onTunnelSuccess);
+    QMetaObject::invokeMethod(m_tunnel, &AdbTunnel::doWork, Qt::QueuedConnection);
+}
+
+void AdbTunnelController::onTunnelSuccess()
+{
+    LogHandler::LogPrefixer prefixer(QStringLiteral("[UUID:%1]").arg(m_info.id));
+    qDebug() << "Tunnel init successfully for device";
+    resetRestart();
+    Q_EMIT tunnelSuccess();
+}
+
+void AdbTunnelController::onTunnelError(const AdbTunnel::Error& error)
+{
+    LogHandler::LogPrefixer prefixer(QStringLiteral("[UUID:%1]").arg(m_info.id));
+    bool restartable = false;
+    switch (error) {
+    case AdbTunnel::AuthenticationError:
+        qWarning() << "adbtunnel authentication error";
+        break;
+    case AdbTunnel::DisconnectionError:
+        qWarning() << "adbtunnel disconnection error";
+        restartable = true;
+        break;
+    case AdbTunnel::BridgeBusyPortError:
+        qWarning() << "adbtunnel bridge busy port error";
+        break;
+    case AdbTunnel::AdbError:
+        qWarning() << "adbtunnel adb error";
+        restartable = true;
+        break;
+    default:
+        qWarning() << "adbtunnel unknown error has occured";
+        break;
+    }
+
+    if (restartable && canRestart()) {
+        qDebug() << "adb tunnel will restart for device";
+        QTimer::singleShot(RESTART_DELAY_MS, this, &AdbTunnelController::createTunnel);
+        return;
+    }
+
+    qDebug() << "adb tunnel will not restart for device";
+    Q_EMIT tunnelError(error);
+    // The daemon deletes this controller from its handler of `stopped`: nothing may follow.
+    Q_EMIT stopped(m_info.id);
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "adbtunnel.h"
+#include "adbtunnelstate.h"
+
+#include <QHash>
+#include <QObject>
+#include <QVariant>
+
+class AbstractCredentialsProvider;
+class AdbTunnelController;
+class NetworkProvider;
+
+// The daemon's command handler and registry: one controller per connected instance and the
+// last known state of every instance a client asked about. Lives in the main thread.
+class AdbTunnelDaemon : public QObject
+{
+    Q_OBJECT
+public:
+    AdbTunnelDaemon(NetworkProvider* networkProvider, AbstractCredentialsProvider* credentialsProvider,
+                    QObject* parent = nullptr);
+    ~AdbTunnelDaemon() override;
+
+    QVariant handleMessage(const QVariantMap& message);
+    void createAdbTunnel(const QString& id, quint16 port);
+    void updateAdbTunnelState(const QString& id, AdbTunnelState state);
+    AdbTunnelState getStateFromDeviceId(const QString& id) const;
+    QString getSerialFromDeviceId(const QString& id) const;
+
+public Q_SLOTS:
+    void deleteAdbTunnel(const QString& id);
+
+Q_SIGNALS:
+    void quit(); // one second after a "stop" was answered; the owner ends the event loop
+
+private:
+    QHash<QString, AdbTunnelController*> m_tunnelControllers;
+    QHash<QString, AdbTunnelState> m_tunnelStates;
+    NetworkProvider* m_networkProvider;
+    AbstractCredentialsProvider* m_credentialsProvider;
+};

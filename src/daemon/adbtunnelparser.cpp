@@ -1,0 +1,72 @@
+#include "adbtunnelparser.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+
+#include <algorithm>
+
+using namespace AdbTunnelConstants;
+
+namespace {
+
+bool takesId(const QString& command)
+{
+    return command == CONNECT_COMMAND || command == DISCONNECT_COMMAND;
+}
+
+} // namespace
+
+void AdbTunnelParser::setupParser(QCommandLineParser* parser)
+{
+    parser->setApplicationDescription(
+        QStringLiteral("%1 - A way to connect ADB to Kestrelbox Cloud SaaS instances")
+            .arg(QCoreApplication::applicationName()));
+    parser->addHelpOption();
+    parser->addVersionOption();
+    parser->addPositionalArgument(COMMAND_KEY, QStringLiteral("Command to execute"));
+
+    parser->parse(QCoreApplication::arguments());
+    const QStringList positional = parser->positionalArguments();
+    const QString command = positional.isEmpty() ? QString() : positional.first();
+
+    if (takesId(command))
+        parser->addPositionalArgument(ID_KEY, QStringLiteral("Id to use"));
+    if (command == CONNECT_COMMAND) {
+        parser->addOption(QCommandLineOption(QStringList { ADB_SERIAL_PORT_OPTION },
+                                             QStringLiteral("Local port to use for tunnel"),
+                                             QStringLiteral("port")));
+    }
+}
+
+QVariantMap AdbTunnelParser::getMessageFromParser(const QCommandLineParser& parser)
+{
+    const QStringList positional = parser.positionalArguments();
+    if (positional.isEmpty())
+        return {};
+
+    const QString command = positional.first();
+    static const QStringList commands { START_COMMAND,   STOP_COMMAND,       DAEMON_INFO_COMMAND,
+                                        CONNECT_COMMAND, DISCONNECT_COMMAND, INSTANCES_COMMAND };
+    if (!commands.contains(command, Qt::CaseSensitive))
+        return {};
+
+    QVariantMap message { { COMMAND_KEY, command } };
+    if (!takesId(command))
+        return message;
+
+    if (positional.size() < 2)
+        return {};
+    message.insert(ID_KEY, positional.at(1));
+
+    if (command == CONNECT_COMMAND && parser.isSet(ADB_SERIAL_PORT_OPTION)) {
+        // Only plain decimal digits: "+80", "-1" or "0x50" are dropped like any other bad value.
+        const QString value = parser.value(ADB_SERIAL_PORT_OPTION);
+        bool ok = !value.isEmpty() && std::all_of(value.cbegin(), value.cend(), [](QChar c) {
+            return c >= QLatin1Char('0') && c <= QLatin1Char('9');
+        });
+        const ushort port = ok ? value.toUShort(&ok, 10) : 0;
+        if (ok)
+            message.insert(ADB_SERIAL_PORT_OPTION, int(port));
+    }
+    return message;
+}

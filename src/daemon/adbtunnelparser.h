@@ -1,0 +1,34 @@
+#pragma once
+
+#include <QVariantMap>
+
+class QCommandLineParser;
+
+namespace AdbTunnelConstants {
+inline const QLatin1String ADBTUNNELD_NAME("kbadbtunneld");
+inline const QLatin1String ORGANIZATION_NAME("Tarnwright");
+inline const QLatin1String START_COMMAND("start");
+inline const QLatin1String STOP_COMMAND("stop");
+inline const QLatin1String DAEMON_INFO_COMMAND("getdaemoninfo");
+inline const QLatin1String CONNECT_COMMAND("connect");
+inline const QLatin1String DISCONNECT_COMMAND("disconnect");
+inline const QLatin1String INSTANCES_COMMAND("getinstances");
+inline const QLatin1String COMMAND_KEY("command");
+inline const QLatin1String ID_KEY("id");
+inline const QLatin1String ADB_SERIAL_PORT_OPTION("adb-serial-port");
+inline const QLatin1String RUNNING("running");
+inline const QLatin1String EXIT_CODE_KEY("exit_code");
+inline const QLatin1String ERROR_KEY("error");
+inline const QLatin1String ERROR_MESSAGE_KEY("message");
+inline const QLatin1String ERROR_DETAILS_KEY("details");
+} // namespace AdbTunnelConstants
+
+// The command line: `kbadbtunneld [options] command [id]`. Which arguments and options exist
+// depends on the command, so the parser is set up after a first silent look at it.
+class AdbTunnelParser
+{
+public:
+    static void setupParser(QCommandLineParser* parser);
+    // The request map to send to the daemon; empty when the arguments are not a valid command.
+    static QVariantMap getMessageFromParser(const QCommandLineParser& parser);
+};

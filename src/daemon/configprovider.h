@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QString>
+#include <QUrl>
+
+class JsonReader;
+
+// The configuration home: $KBSAAS_CONFIG_HOME (absolute, or starting with "~/") or
+// ~/.Tarnwright/kbsaas. Stops the program when the variable names an unusable directory.
+QString getKbsaasConfigHomePath();
+
+// Settings from "config.json", shared with the platform's own command-line tool.
+class ConfigProvider
+{
+public:
+    explicit ConfigProvider(JsonReader* reader);
+
+    QString getAndroidSdkPath() const;
+    // Empty when no proxy is configured or the configured text is not a valid URL.
+    QUrl getProxyUrl() const;
+
+private:
+    JsonReader* m_reader;
+};
