@@ -2,6 +2,7 @@
 #include "network/networkprovider.h"
 #include "network/platformapitokenwebserviceclient.h"
 #include "network/sslerrorhandler.h"
+#include "network/ssllibs.h"
 #include "network/webservicejob.h"
 #include "testcredentials.h"
 #include "testhttpserver.h"
@@ -39,6 +40,7 @@ private Q_SLOTS:
     void httpsFromAnotherThreadIsNotRescued();
     void webSocketWithSelfSignedCertificate_data();
     void webSocketWithSelfSignedCertificate();
+    void preloadTlsLibraries();
 
 private:
     // Runs function in a thread of its own while this thread keeps serving the test servers.
@@ -323,6 +325,14 @@ void TestNetworkProvider::webSocketWithSelfSignedCertificate()
         loop.exec();
     }));
     QCOMPARE(connected, accepted);
+}
+
+void TestNetworkProvider::preloadTlsLibraries()
+{
+    QVERIFY(SslLibs::preloadLibrary(QStringLiteral("ssl"), QLatin1String(SslLibs::OPENSSL_SOVERSION)));
+    QTest::ignoreMessage(QtCriticalMsg,
+                         QRegularExpression(QStringLiteral("^Failed to preload \"kbnosuchlib\" \"9\"")));
+    QVERIFY(!SslLibs::preloadLibrary(QStringLiteral("kbnosuchlib"), QStringLiteral("9")));
 }
 
 QTEST_GUILESS_MAIN(TestNetworkProvider)
