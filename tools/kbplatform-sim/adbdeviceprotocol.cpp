@@ -1,0 +1,230 @@
+#include "adbdeviceprotocol.h"
+
+#include "adbprotocol/AdbPacket.h"
+
+#include <algorithm>
+
+namespace {
+
+// A stream can only be that many: ADB hosts open a handful at a time.
+constexpr std::size_t MAX_STREAMS = 1024;
+
+QByteArray commandName(quint32 command)
+{
+    QByteArray name(reinterpret_cast<const char*>(&command), 4);
+    for (char& c : name) {
+        if (c < 0x20 || c > 0x7e)
+            c = '?';
+    }
+    return name;
+}
+
+} // namespace
+
+AdbDeviceProtocol::AdbDeviceProtocol(const QByteArray& banner)
+    : m_banner(banner)
+{ }
+
+void AdbDeviceProtocol::feed(const QByteArray& bytes)
+{
+    if (m_failed)
+        return;
+    m_reader.append(bytes);
+    if (m_reader.isCorrupted()) {
+        fail("message announces " + QByteArray::number(m_reader.corruptLength()) + " payload bytes");
+        return;
+    }
+    while (!m_failed && m_reader.packetAvailable())
+        handle(m_reader.read());
+}
+
+QList<AdbDeviceProtocol::Event> AdbDeviceProtocol::takeEvents()
+{
+    QList<Event> events;
+    events.swap(m_events);
+    return events;
+}
+
+QByteArray AdbDeviceProtocol::takeOutput()
+{
+    QByteArray output;
+    output.swap(m_output);
+    return output;
+}
+
+void AdbDeviceProtocol::handle(const AdbPacket& packet)
+{
+    const quint32 command = packet.command();
+    if (packet.magic() != ~command) {
+        fail("bad magic in " + commandName(command) + " message");
+        return;
+    }
+    const QByteArray payload(packet.getPayload(), qsizetype(packet.dataLength()));
+
+    if (command == AdbPacket::CNXN) {
+        // ADB protocol.txt: both sides use the smaller of the two maxdata values.
+        m_maxPayload = std::clamp(packet.arg1(), quint32(256), MAX_PAYLOAD);
+        m_online = true;
+        send(AdbPacket::CNXN, VERSION, m_maxPayload, m_banner);
+        return;
+    }
+    if (!m_online) {
+        fail(commandName(command) + " message before CNXN");
+        return;
+    }
+
+    switch (command) {
+    case AdbPacket::OPEN: {
+        if (packet.arg0() == 0) {
+            fail("OPEN with local id 0");
+            return;
+        }
+        if (m_streams.size() >= MAX_STREAMS) {
+            send(AdbPacket::CLSE, 0, packet.arg0());
+            return;
+        }
+        const quint32 localId = m_nextLocalId++;
+        if (m_nextLocalId == 0)
+            m_nextLocalId = 1;
+        Stream stream;
+        stream.remoteId = packet.arg0();
+        m_streams.emplace(localId, std::move(stream));
+        QByteArray service = payload;
+        while (service.endsWith('\0'))
+            service.chop(1);
+        m_events.append({ Event::Opened, localId, service });
+        return;
+    }
+    case AdbPacket::WRTE: {
+        const auto it = m_streams.find(packet.arg1());
+        if (it == m_streams.end() || it->second.remoteId != packet.arg0()) {
+            // The stream is gone (or never was): tell the host so that it stops writing.
+            send(AdbPacket::CLSE, 0, packet.arg0());
+            return;
+        }
+        if (packet.dataLength() > m_maxPayload) {
+            fail("WRTE of " + QByteArray::number(packet.dataLength()) + " bytes exceeds maxdata");
+            return;
+        }
+        ++it->second.unacknowledged;
+        m_events.append({ Event::Data, it->first, payload });
+        return;
+    }
+    case AdbPacket::OKAY: {
+        const auto it = m_streams.find(packet.arg1());
+        if (it == m_streams.end() || it->second.remoteId != packet.arg0())
+            return;
+        it->second.writeOutstanding = false;
+        pump(it->first);
+        if (m_streams.count(packet.arg1()))
+            m_events.append({ Event::Writable, packet.arg1(), QByteArray() });
+        return;
+    }
+    case AdbPacket::CLSE: {
+        const auto it = m_streams.find(packet.arg1());
+        if (it == m_streams.end() || it->second.remoteId != packet.arg0())
+            return;
+        // Close from our side too, so that both ends have seen a CLSE for the stream.
+        send(AdbPacket::CLSE, it->first, it->second.remoteId);
+        const quint32 localId = it->first;
+        m_streams.erase(it);
+        m_events.append({ Event::Closed, localId, QByteArray() });
+        return;
+    }
+    case AdbPacket::AUTH:
+        // We never challenge, so an AUTH from the host answers nothing; ignore it as adbd does
+        // when authentication is off.
+        return;
+    default:
+        fail("unsupported command " + commandName(command));
+        return;
+    }
+}
+
+void AdbDeviceProtocol::accept(quint32 localId)
+{
+    const auto it = m_streams.find(localId);
+    if (it == m_streams.end() || it->second.accepted)
+        return;
+    it->second.accepted = true;
+    send(AdbPacket::OKAY, localId, it->second.remoteId);
+    pump(localId);
+}
+
+void AdbDeviceProtocol::refuse(quint32 localId)
+{
+    const auto it = m_streams.find(localId);
+    if (it == m_streams.end())
+        return;
+    // ADB protocol.txt: a CLOSE with local id 0 means the OPEN failed.
+    send(AdbPacket::CLSE, 0, it->second.remoteId);
+    m_streams.erase(it);
+}
+
+void AdbDeviceProtocol::write(quint32 localId, const QByteArray& data)
+{
+    const auto it = m_streams.find(localId);
+    if (it == m_streams.end() || it->second.closing || data.isEmpty())
+        return;
+    it->second.pending.append(data);
+    pump(localId);
+}
+
+void AdbDeviceProtocol::close(quint32 localId)
+{
+    const auto it = m_streams.find(localId);
+    if (it == m_streams.end())
+        return;
+    it->second.closing = true;
+    pump(localId);
+}
+
+void AdbDeviceProtocol::acknowledge(quint32 localId)
+{
+    const auto it = m_streams.find(localId);
+    if (it == m_streams.end() || it->second.unacknowledged == 0)
+        return;
+    --it->second.unacknowledged;
+    send(AdbPacket::OKAY, localId, it->second.remoteId);
+}
+
+qsizetype AdbDeviceProtocol::pendingBytes(quint32 localId) const
+{
+    const auto it = m_streams.find(localId);
+    return it == m_streams.end() ? 0 : it->second.pending.size();
+}
+
+void AdbDeviceProtocol::pump(quint32 localId)
+{
+    const auto it = m_streams.find(localId);
+    if (it == m_streams.end())
+        return;
+    Stream& stream = it->second;
+    if (!stream.accepted || stream.writeOutstanding)
+        return;
+    if (!stream.pending.isEmpty()) {
+        // ADB protocol.txt: one WRTE in flight per stream until the receiver's OKAY.
+        const qsizetype size = std::min<qsizetype>(stream.pending.size(), m_maxPayload);
+        send(AdbPacket::WRTE, localId, stream.remoteId, stream.pending.left(size));
+        stream.pending.remove(0, size);
+        stream.writeOutstanding = true;
+        return;
+    }
+    if (stream.closing) {
+        send(AdbPacket::CLSE, localId, stream.remoteId);
+        m_streams.erase(it);
+    }
+}
+
+void AdbDeviceProtocol::send(quint32 command, quint32 arg0, quint32 arg1, const QByteArray& payload)
+{
+    m_output.append(AdbPacket(command, arg0, arg1, payload).toByteArray());
+}
+
+void AdbDeviceProtocol::fail(const QByteArray& reason)
+{
+    m_failed = true;
+    m_streams.clear();
+    m_reader.clear();
+    m_events.append({ Event::Failed, 0, reason });
+}

@@ -1,0 +1,7 @@
+#include "deviceconnection.h"
+
+DeviceConnection::DeviceConnection(QObject* parent)
+    : QObject(parent)
+{ }
+
+DeviceConnection::~DeviceConnection() = default;

@@ -1,0 +1,258 @@
+#include "syncservice.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
+#include <QtEndian>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+QByteArray statReply(quint32 id, const struct stat* st)
+{
+    QByteArray bytes(16, '\0');
+    qToLittleEndian(id, bytes.data());
+    if (st) {
+        qToLittleEndian(quint32(st->st_mode), bytes.data() + 4);
+        qToLittleEndian(quint32(st->st_size), bytes.data() + 8);
+        qToLittleEndian(quint32(st->st_mtime), bytes.data() + 12);
+    }
+    return bytes;
+}
+
+} // namespace
+
+SyncService::SyncService(EmulatedDevice* device, quint32 localId, const QString& sandboxDir)
+    : DeviceService(device, localId)
+    , m_sandbox(sandboxDir)
+{ }
+
+SyncService::~SyncService() = default;
+
+void SyncService::receive(const QByteArray& data)
+{
+    m_parser.feed(data);
+    ++m_unacknowledged;
+    process();
+}
+
+void SyncService::process()
+{
+    while (!m_finished && !m_recvFile) {
+        const auto request = m_parser.next();
+        if (!request)
+            break;
+        handle(*request);
+    }
+    if (m_finished)
+        return;
+    if (m_parser.hasFailed()) {
+        protocolError(m_parser.errorString());
+        return;
+    }
+    // While a RECV streams, the host's next requests wait unacknowledged, which bounds what
+    // the parser holds to one write.
+    if (!m_recvFile) {
+        for (; m_unacknowledged > 0; --m_unacknowledged)
+            acknowledge();
+    }
+}
+
+void SyncService::handle(const SyncParser::Request& request)
+{
+    if (m_sending && request.id != SyncParser::DATA && request.id != SyncParser::DONE) {
+        protocolError(QStringLiteral("unexpected request during SEND"));
+        return;
+    }
+    switch (request.id) {
+    case SyncParser::STAT:
+        handleStat(request.data);
+        break;
+    case SyncParser::LIST:
+        handleList(request.data);
+        break;
+    case SyncParser::SEND:
+        handleSend(request.data);
+        break;
+    case SyncParser::DATA:
+        handleData(request.data);
+        break;
+    case SyncParser::DONE:
+        handleDone(request.length);
+        break;
+    case SyncParser::RECV:
+        handleRecv(request.data);
+        break;
+    case SyncParser::QUIT:
+        finish();
+        break;
+    default:
+        protocolError(QStringLiteral("unexpected sync request"));
+        break;
+    }
+}
+
+void SyncService::handleStat(const QByteArray& path)
+{
+    QString error;
+    const QString hostPath = m_sandbox.resolve(path, &error);
+    struct stat st;
+    // An answer of zeros is how the protocol says "no such file".
+    const bool found = !hostPath.isEmpty() && ::lstat(QFile::encodeName(hostPath).constData(), &st) == 0;
+    send(statReply(SyncParser::STAT, found ? &st : nullptr));
+}
+
+void SyncService::handleList(const QByteArray& path)
+{
+    QString error;
+    const QString hostPath = m_sandbox.resolve(path, &error);
+    if (!hostPath.isEmpty()) {
+        const QDir dir(hostPath);
+        const QStringList names = dir.entryList(QDir::AllEntries | QDir::Hidden | QDir::System, QDir::Name);
+        for (const QString& name : names) {
+            struct stat st;
+            if (::lstat(QFile::encodeName(dir.filePath(name)).constData(), &st) != 0)
+                continue;
+            const QByteArray encoded = QFile::encodeName(name);
+            QByteArray dent = statReply(SyncParser::DENT, &st);
+            dent.append(SyncParser::header(quint32(encoded.size()), 0).left(4));
+            dent.append(encoded);
+            send(dent);
+        }
+    }
+    send(statReply(SyncParser::DONE, nullptr) + QByteArray(4, '\0'));
+}
+
+void SyncService::handleSend(const QByteArray& pathAndMode)
+{
+    m_sending = true;
+    m_sendError.clear();
+    m_sendMode = 0644;
+    QByteArray path = pathAndMode;
+    const qsizetype comma = pathAndMode.lastIndexOf(',');
+    if (comma >= 0) {
+        bool ok = false;
+        m_sendMode = pathAndMode.mid(comma + 1).toUInt(&ok, 10);
+        path = pathAndMode.left(comma);
+        if (!ok) {
+            m_sendError = QStringLiteral("invalid file mode");
+            return;
+        }
+    }
+    if (S_ISLNK(m_sendMode)) {
+        m_sendError = QStringLiteral("%1: symbolic links are not supported").arg(QString::fromUtf8(path));
+        return;
+    }
+    m_sendPath = m_sandbox.resolve(path, &m_sendError);
+    if (m_sendPath.isEmpty())
+        return;
+    if (!QDir().mkpath(QFileInfo(m_sendPath).absolutePath())) {
+        m_sendError = QStringLiteral("%1: cannot create the parent directory").arg(QString::fromUtf8(path));
+        return;
+    }
+    m_sendFile = std::make_unique<QSaveFile>(m_sendPath);
+    if (!m_sendFile->open(QIODevice::WriteOnly)) {
+        m_sendError = QStringLiteral("%1: %2").arg(QString::fromUtf8(path), m_sendFile->errorString());
+        m_sendFile.reset();
+    }
+}
+
+void SyncService::handleData(const QByteArray& data)
+{
+    if (!m_sending) {
+        protocolError(QStringLiteral("DATA outside SEND"));
+        return;
+    }
+    if (!m_sendFile)
+        return; // the error is reported at DONE, after the host has sent everything
+    if (m_sendFile->write(data) != data.size()) {
+        m_sendError = m_sendFile->errorString();
+        m_sendFile->cancelWriting();
+        m_sendFile.reset();
+    }
+}
+
+void SyncService::handleDone(quint32 mtime)
+{
+    if (!m_sending) {
+        protocolError(QStringLiteral("DONE outside SEND"));
+        return;
+    }
+    m_sending = false;
+    if (m_sendFile && !m_sendFile->commit())
+        m_sendError = m_sendFile->errorString();
+    m_sendFile.reset();
+    if (!m_sendError.isEmpty()) {
+        send(SyncParser::fail(m_sendError));
+        return;
+    }
+    const QByteArray name = QFile::encodeName(m_sendPath);
+    ::chmod(name.constData(), (m_sendMode & 07777) | 0600);
+    const struct timespec times[2] = { { time_t(mtime), 0 }, { time_t(mtime), 0 } };
+    ::utimensat(AT_FDCWD, name.constData(), times, 0);
+    send(SyncParser::header(SyncParser::OKAY, 0));
+}
+
+void SyncService::handleRecv(const QByteArray& path)
+{
+    QString error;
+    const QString hostPath = m_sandbox.resolve(path, &error);
+    if (hostPath.isEmpty()) {
+        send(SyncParser::fail(error));
+        return;
+    }
+    auto file = std::make_unique<QFile>(hostPath);
+    if (QFileInfo(hostPath).isDir() || !file->open(QIODevice::ReadOnly)) {
+        send(SyncParser::fail(QStringLiteral("%1: %2").arg(
+            QString::fromUtf8(path),
+            QFileInfo(hostPath).isDir() ? QStringLiteral("Is a directory") : file->errorString())));
+        return;
+    }
+    m_recvFile = std::move(file);
+    pumpRecv();
+}
+
+void SyncService::resume()
+{
+    pumpRecv();
+}
+
+void SyncService::pumpRecv()
+{
+    while (m_recvFile && !m_finished && !congested()) {
+        const QByteArray chunk = m_recvFile->read(SyncParser::MAX_DATA);
+        if (chunk.isEmpty()) {
+            if (m_recvFile->error() != QFileDevice::NoError)
+                send(SyncParser::fail(m_recvFile->errorString()));
+            else
+                send(SyncParser::header(SyncParser::DONE, 0));
+            m_recvFile.reset();
+            process();
+            return;
+        }
+        send(SyncParser::header(SyncParser::DATA, quint32(chunk.size())) + chunk);
+    }
+}
+
+void SyncService::protocolError(const QString& message)
+{
+    qWarning() << "device: sync:" << message;
+    send(SyncParser::fail(message));
+    if (m_sendFile)
+        m_sendFile->cancelWriting();
+    m_sendFile.reset();
+    m_recvFile.reset();
+    finish();
+}
+
+void SyncService::stop()
+{
+    m_finished = true;
+    if (m_sendFile)
+        m_sendFile->cancelWriting();
+    m_sendFile.reset();
+    m_recvFile.reset();
+}

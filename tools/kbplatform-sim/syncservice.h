@@ -1,0 +1,50 @@
+#pragma once
+
+#include "deviceservice.h"
+#include "sandbox.h"
+#include "syncparser.h"
+
+#include <memory>
+
+class QFile;
+class QSaveFile;
+
+// "sync:" (SYNC.TXT): STAT, LIST, SEND, RECV and QUIT, confined to the device's sandbox.
+class SyncService : public DeviceService
+{
+    Q_OBJECT
+
+public:
+    SyncService(EmulatedDevice* device, quint32 localId, const QString& sandboxDir);
+    ~SyncService() override;
+
+    void start() override { }
+    void receive(const QByteArray& data) override;
+    void resume() override;
+    void stop() override;
+
+private:
+    void process();
+    void handle(const SyncParser::Request& request);
+    void handleStat(const QByteArray& path);
+    void handleList(const QByteArray& path);
+    void handleSend(const QByteArray& pathAndMode);
+    void handleData(const QByteArray& data);
+    void handleDone(quint32 mtime);
+    void handleRecv(const QByteArray& path);
+    void pumpRecv();
+    void protocolError(const QString& message);
+
+    Sandbox m_sandbox;
+    SyncParser m_parser;
+    int m_unacknowledged = 0;
+
+    // SEND in progress: the file being written, or the error to report at DONE.
+    bool m_sending = false;
+    std::unique_ptr<QSaveFile> m_sendFile;
+    QString m_sendPath;
+    QString m_sendError;
+    uint m_sendMode = 0;
+
+    std::unique_ptr<QFile> m_recvFile;
+};

@@ -1,0 +1,292 @@
+#include "websocketsession.h"
+
+#include "deviceconnection.h"
+#include "faultinjector.h"
+#include "linkmodel.h"
+#include "requestlog.h"
+
+#include "adbprotocol/AdbPacket.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTimer>
+#include <QWebSocket>
+
+namespace {
+
+QString jsonText(const QJsonObject& object)
+{
+    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
+}
+
+} // namespace
+
+WebSocketSession::WebSocketSession(QWebSocket* socket, SimInstance* instance, FaultInjector* faults,
+                                   RequestLog* log, qint64 logIndex)
+    : QObject(instance)
+    , m_socket(socket)
+    , m_instance(instance)
+    , m_faults(faults)
+    , m_log(log)
+    , m_logIndex(logIndex)
+    , m_handshakeTimer(new QTimer(this))
+{
+    m_socket->setParent(this);
+    m_socket->setMaxAllowedIncomingFrameSize(MAX_MESSAGE);
+    m_socket->setMaxAllowedIncomingMessageSize(MAX_MESSAGE);
+    connect(m_socket, &QWebSocket::textMessageReceived, this, &WebSocketSession::onTextMessageReceived);
+    connect(m_socket, &QWebSocket::binaryMessageReceived, this, &WebSocketSession::onBinaryMessageReceived);
+    connect(m_socket, &QWebSocket::disconnected, this, &WebSocketSession::onDisconnected);
+    connect(m_socket, &QWebSocket::bytesWritten, this, &WebSocketSession::updateCongestion);
+    m_handshakeTimer->setSingleShot(true);
+    connect(m_handshakeTimer, &QTimer::timeout, this,
+            [this] { closeSocket(1008, QStringLiteral("No authentication message received")); });
+    m_handshakeTimer->start(int(HANDSHAKE_TIMEOUT_MS));
+}
+
+WebSocketSession::~WebSocketSession() = default;
+
+void WebSocketSession::onTextMessageReceived(const QString& message)
+{
+    if (m_state != State::Handshake) {
+        qWarning() << "instance" << m_instance->uuid() << ": ignoring a text message after the handshake";
+        return;
+    }
+    m_log->appendMessage(m_logIndex, message);
+    authenticate(message);
+}
+
+void WebSocketSession::authenticate(const QString& message)
+{
+    m_handshakeTimer->stop();
+    if (const auto refusal = m_faults->takeAuthRefusal(m_instance->uuid())) {
+        const QString reason
+            = refusal->reason.isEmpty() ? QStringLiteral("Authentication refused") : refusal->reason;
+        if (refusal->closeOnly)
+            closeSocket(refusal->code, reason);
+        else
+            refuse(reason);
+        return;
+    }
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(message.toUtf8(), &parseError);
+    if (!document.isObject()) {
+        refuse(QStringLiteral("Authentication message is not a JSON object"));
+        return;
+    }
+    const QJsonObject object = document.object();
+    if (object.value(QStringLiteral("type")).toString() != QLatin1String("token")) {
+        refuse(QStringLiteral("Unsupported authentication type"));
+        return;
+    }
+    if (!m_instance->isAccessTokenValid(object.value(QStringLiteral("token")).toString())) {
+        refuse(QStringLiteral("Invalid access token"));
+        return;
+    }
+    const QJsonValue version = object.value(QStringLiteral("adbTunnelVersion"));
+    if (version.isUndefined()) {
+        m_version = 1;
+    } else if (version.isDouble() && (version.toDouble() == 1 || version.toDouble() == 2)) {
+        m_version = version.toInt();
+    } else {
+        refuse(QStringLiteral("Unsupported adbTunnelVersion"));
+        return;
+    }
+
+    m_state = State::Relaying;
+    m_link = new LinkModel(this);
+    setLink(m_instance->rttMs(), m_instance->bandwidthKbps());
+    connect(m_link->uplink(), &LinkLane::delivered, this, &WebSocketSession::onUplinkDelivered);
+    connect(m_link->downlink(), &LinkLane::delivered, this, &WebSocketSession::onDownlinkDelivered);
+    connect(m_link->downlink(), &LinkLane::drained, this, &WebSocketSession::updateCongestion);
+    if (m_version == 2)
+        m_mirror.emplace();
+    m_device = m_instance->createDevice(this);
+    connect(m_device, &DeviceConnection::received, this, &WebSocketSession::onDeviceReceived);
+    connect(m_device, &DeviceConnection::closed, this, &WebSocketSession::onDeviceClosed);
+    qInfo().noquote() << QStringLiteral("instance %1: WebSocket authenticated, tunnel version %2")
+                             .arg(m_instance->uuid())
+                             .arg(m_version);
+    m_socket->sendTextMessage(jsonText({ { QStringLiteral("connection"), QStringLiteral("SUCCESS") } }));
+    if (const auto pending = m_instance->takePendingClose())
+        scheduleClose(*pending);
+}
+
+void WebSocketSession::refuse(const QString& message)
+{
+    qInfo().noquote() << QStringLiteral("instance %1: WebSocket authentication refused: %2")
+                             .arg(m_instance->uuid(), message);
+    m_socket->sendTextMessage(jsonText({ { QStringLiteral("connection"), QStringLiteral("FAILED") },
+                                         { QStringLiteral("error"), message } }));
+    closeSocket(1008, message);
+}
+
+void WebSocketSession::onBinaryMessageReceived(const QByteArray& message)
+{
+    if (m_state == State::Handshake) {
+        closeSocket(1002, QStringLiteral("ADB data before authentication"));
+        return;
+    }
+    if (m_state != State::Relaying)
+        return;
+    m_link->uplink()->send(message);
+    countBytes(message.size());
+    checkBacklog();
+}
+
+void WebSocketSession::onUplinkDelivered(const QByteArray& chunk)
+{
+    if (m_state != State::Relaying)
+        return;
+    if (!m_mirror) {
+        m_device->write(chunk);
+        return;
+    }
+    m_mirror->feedFromDaemon(chunk);
+    flushMirror();
+}
+
+void WebSocketSession::onDeviceReceived(const QByteArray& bytes)
+{
+    if (m_state != State::Relaying)
+        return;
+    if (m_mirror) {
+        m_mirror->feedFromDevice(bytes);
+        flushMirror();
+        return;
+    }
+    m_deviceReader.append(bytes);
+    if (m_deviceReader.isCorrupted()) {
+        closeSocket(1011, QStringLiteral("The device sent an invalid ADB message"));
+        return;
+    }
+    while (m_deviceReader.packetAvailable())
+        m_link->downlink()->send(m_deviceReader.read().toByteArray());
+    updateCongestion();
+}
+
+void WebSocketSession::flushMirror()
+{
+    // The device may answer from inside write(); the outermost call keeps draining.
+    if (m_flushing)
+        return;
+    m_flushing = true;
+    while (m_state == State::Relaying) {
+        if (m_mirror->hasFailed()) {
+            closeSocket(1002, m_mirror->errorString());
+            break;
+        }
+        const QByteArrayList toDaemon = m_mirror->takeToDaemon();
+        for (const QByteArray& message : toDaemon)
+            m_link->downlink()->send(message);
+        const QByteArrayList toDevice = m_mirror->takeToDevice();
+        for (const QByteArray& message : toDevice) {
+            if (m_state == State::Relaying)
+                m_device->write(message);
+        }
+        if (toDaemon.isEmpty() && toDevice.isEmpty())
+            break;
+        updateCongestion();
+    }
+    m_flushing = false;
+}
+
+void WebSocketSession::onDownlinkDelivered(const QByteArray& chunk)
+{
+    if (m_state != State::Relaying)
+        return;
+    m_socket->sendBinaryMessage(chunk);
+    countBytes(chunk.size());
+    updateCongestion();
+}
+
+void WebSocketSession::updateCongestion()
+{
+    if (!m_mirror || m_state != State::Relaying)
+        return;
+    const qint64 backlog = m_link->downlink()->queuedBytes() + m_socket->bytesToWrite();
+    if (!m_mirror->isCongested() && backlog > CONGESTED) {
+        m_mirror->setCongested(true);
+    } else if (m_mirror->isCongested() && backlog < CONGESTED / 4) {
+        m_mirror->setCongested(false);
+        flushMirror();
+    }
+}
+
+bool WebSocketSession::checkBacklog()
+{
+    const qint64 backlog = m_link->uplink()->queuedBytes() + (m_mirror ? m_mirror->queuedBytes() : 0)
+        + (m_device ? m_device->backlog() : 0);
+    if (backlog <= MAX_BACKLOG)
+        return true;
+    qWarning().noquote() << QStringLiteral(
+                                "instance %1: %2 bytes waiting for the device, dropping the WebSocket")
+                                .arg(m_instance->uuid())
+                                .arg(backlog);
+    closeSocket(1009, QStringLiteral("Too much data waiting for the device"));
+    return false;
+}
+
+void WebSocketSession::setLink(int rttMs, qint64 bandwidthKbps)
+{
+    if (!m_link)
+        return;
+    m_link->setRttMs(rttMs);
+    m_link->setBandwidthKbps(bandwidthKbps);
+}
+
+void WebSocketSession::scheduleClose(const SimInstance::CloseRequest& request)
+{
+    if (m_state != State::Relaying)
+        return;
+    m_close = request;
+    m_closeAtBytes = m_bytes + request.afterBytes;
+    countBytes(0);
+}
+
+void WebSocketSession::countBytes(qint64 bytes)
+{
+    m_bytes += bytes;
+    if (m_close && m_bytes >= m_closeAtBytes) {
+        const SimInstance::CloseRequest request = *std::exchange(m_close, std::nullopt);
+        qInfo().noquote() << QStringLiteral("instance %1: closing the WebSocket after %2 bytes (fault)")
+                                 .arg(m_instance->uuid())
+                                 .arg(m_bytes);
+        closeSocket(request.code, request.reason, request.abort);
+    }
+}
+
+void WebSocketSession::closeSocket(int code, const QString& reason, bool abort)
+{
+    if (m_state == State::Closing)
+        return;
+    m_state = State::Closing;
+    m_handshakeTimer->stop();
+    if (m_device)
+        m_device->close();
+    if (abort)
+        m_socket->abort();
+    else
+        m_socket->close(QWebSocketProtocol::CloseCode(code), reason);
+}
+
+void WebSocketSession::onDeviceClosed(const QString& reason)
+{
+    if (m_state != State::Relaying)
+        return;
+    qInfo().noquote()
+        << QStringLiteral("instance %1: device connection ended: %2").arg(m_instance->uuid(), reason);
+    closeSocket(1011, QStringLiteral("Device connection ended"));
+}
+
+void WebSocketSession::onDisconnected()
+{
+    if (m_state == State::Relaying)
+        qInfo().noquote()
+            << QStringLiteral("instance %1: WebSocket closed by the daemon").arg(m_instance->uuid());
+    m_state = State::Closing;
+    m_handshakeTimer->stop();
+    if (m_device)
+        m_device->close();
+    deleteLater();
+}
