@@ -16,7 +16,11 @@ constexpr qsizetype MAX_DUMPED_PAYLOAD = 100;
 
 void AdbTunnelLogger::installAdbTunnelLogCategory()
 {
-    s_previousFilter = QLoggingCategory::installFilter(&AdbTunnelLogger::filter);
+    const QLoggingCategory::CategoryFilter previous
+        = QLoggingCategory::installFilter(&AdbTunnelLogger::filter);
+    // Installing twice must not make the filter its own predecessor.
+    if (previous != &AdbTunnelLogger::filter)
+        s_previousFilter = previous;
 }
 
 void AdbTunnelLogger::filter(QLoggingCategory* category)

@@ -8,7 +8,7 @@ TcpSocket::TcpSocket(QObject* parent)
 {
     connect(this, &QTcpSocket::readyRead, this, &TcpSocket::onReadyRead);
     connect(this, &QAbstractSocket::errorOccurred, this, [this](QAbstractSocket::SocketError socketError) {
-        qDebug() << "Tcp client error:" << socketError << errorString();
+        qDebug().noquote() << "Tcp client error:" << socketError << errorString();
     });
 }
 
@@ -18,7 +18,7 @@ void TcpSocket::sendData(const QByteArray& data)
 {
     const qint64 written = write(data);
     if (written < 0)
-        qWarning() << "No bytes written" << error() << errorString();
+        qWarning().noquote() << "No bytes written" << error() << errorString();
     else if (written < qint64(int(data.size())))
         qWarning() << "Write" << written << "bytes instead of" << int(data.size()) << "in tcp socket.";
 }
@@ -31,7 +31,7 @@ void TcpSocket::onReadyRead()
     while (self && bytesAvailable() > 0) {
         const qint64 n = read(buffer.data(), READ_CHUNK_SIZE);
         if (n < 0) {
-            qWarning() << "No bytes read" << error() << errorString();
+            qWarning().noquote() << "No bytes read" << error() << errorString();
             // Only a closed device fails a read with bytes available; looping again would spin.
             break;
         }

@@ -1,0 +1,110 @@
+#include "adbprotocol/AdbMessageQueue.h"
+#include "adbprotocol/AdbPacket.h"
+#include "adbprotocol/AdbTunnelLogger.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+namespace {
+
+QStringList g_tunnelLines;
+QtMessageHandler g_previousHandler = nullptr;
+
+void captureTunnel(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    if (qstrcmp(context.category, "tunnel") == 0)
+        g_tunnelLines.append(message);
+    g_previousHandler(type, context, message);
+}
+
+} // namespace
+
+class TestAdbTunnelLogger : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { g_previousHandler = qInstallMessageHandler(captureTunnel); }
+
+    void dump_data()
+    {
+        QTest::addColumn<QByteArray>("message");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("empty payload")
+            << AdbPacket(AdbPacket::OKAY, 7, 3, {}).toByteArray()
+            << QStringLiteral("\n[ADB MESSAGE DIR]\ncommand: OKAY\narg0: 7\narg1: 3\n"
+                              "len: 0\n================\n");
+        QTest::newRow("payload decoded as hex text")
+            << AdbPacket(AdbPacket::WRTE, 1, 2, "41x42").toByteArray()
+            << QStringLiteral("\n[ADB MESSAGE DIR]\ncommand: WRTE\narg0: 1\narg1: 2\nlen: 5\n"
+                              "data: 41x42\nhexdata: AB\n================\n");
+        const QByteArray big = QByteArray(100, 'a') + QByteArray(200, 'z');
+        QTest::newRow("only the first 100 bytes")
+            << AdbPacket(AdbPacket::WRTE, 1, 2, big).toByteArray()
+            << QStringLiteral("\n[ADB MESSAGE DIR]\ncommand: WRTE\narg0: 1\narg1: 2\nlen: 300\ndata: %1\n"
+                              "hexdata: %2\n================\n")
+                   .arg(QString(100, QLatin1Char('a')),
+                        QString::fromLatin1(QByteArray::fromHex(QByteArray(100, 'a'))));
+        QTest::newRow("truncated header")
+            << QByteArray("CLS")
+            << QStringLiteral(
+                   "\n[ADB MESSAGE DIR]\ncommand: CLS\narg0: 0\narg1: 0\nlen: 0\n================\n");
+    }
+    void dump()
+    {
+        QFETCH(QByteArray, message);
+        QFETCH(QString, expected);
+        QCOMPARE(AdbTunnelLogger::formatAdbMessage(message, QStringLiteral("DIR")), expected);
+    }
+
+    // Presence of the variable, even empty, switches the trace on; reinstalling re-evaluates.
+    void filterFollowsEnvironment()
+    {
+        const QByteArray okay = AdbPacket(AdbPacket::OKAY, 1, 2, {}).toByteArray();
+        qunsetenv(AdbTunnelLogger::ENV_KB_ADBTUNNEL_DEBUG);
+        AdbTunnelLogger::installAdbTunnelLogCategory();
+        g_tunnelLines.clear();
+        AdbTunnelLogger::printAdbMessage(okay, QStringLiteral("X"));
+        qCWarning(tunnelCategory) << "silent";
+        QVERIFY(g_tunnelLines.isEmpty());
+        qInfo() << "other categories are untouched";
+
+        qputenv(AdbTunnelLogger::ENV_KB_ADBTUNNEL_DEBUG, "");
+        AdbTunnelLogger::installAdbTunnelLogCategory();
+        AdbTunnelLogger::printAdbMessage(okay, QStringLiteral("X"));
+        QCOMPARE(g_tunnelLines.size(), 1);
+        QVERIFY(g_tunnelLines.first().contains(QLatin1String("[ADB MESSAGE X]")));
+        QLoggingCategory other("kb.other");
+        QVERIFY(other.isDebugEnabled());
+        qunsetenv(AdbTunnelLogger::ENV_KB_ADBTUNNEL_DEBUG);
+    }
+
+    // One message out, then one per acknowledgement; idle when the last queued one leaves.
+    void queueReleasesOnePerOkay()
+    {
+        AdbMessageQueue queue;
+        QSignalSpy ready(&queue, &AdbMessageQueue::messageReady);
+        QSignalSpy idle(&queue, &AdbMessageQueue::idle);
+        queue.enqueue("a");
+        queue.enqueue("b");
+        queue.enqueue("c");
+        QCOMPARE(ready.size(), 1);
+        QCOMPARE(idle.size(), 1);
+        queue.onOkayReceived();
+        QCOMPARE(ready.size(), 2);
+        QCOMPARE(idle.size(), 1);
+        queue.onOkayReceived();
+        QCOMPARE(ready.size(), 3);
+        QCOMPARE(ready.last().first().toByteArray(), QByteArray("c"));
+        QCOMPARE(idle.size(), 2);
+        queue.onOkayReceived(); // acknowledges "c": the gate opens
+        queue.enqueue("d");
+        QCOMPARE(ready.size(), 4);
+        queue.enqueue("e");
+        QCOMPARE(ready.size(), 4);
+        QCOMPARE(queue.size(), 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestAdbTunnelLogger)
+#include "tst_adbtunnellogger.moc"
