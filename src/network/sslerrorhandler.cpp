@@ -147,13 +147,14 @@ bool SslErrorHandler::isIgnoringErrors(const QString& host) const
 
 void SslErrorHandler::onNetworkReplySslErrors(QNetworkReply* reply, const QList<QSslError>& errors)
 {
-    qDebug().noquote() << getSslErrorReport(errors);
+    const QString report = getSslErrorReport(errors);
+    qDebug().noquote() << report;
     const QString host = reply->url().host();
     if (isIgnoringErrors(host)) {
         reply->ignoreSslErrors(errors);
         return;
     }
-    requestUserConfirmation(reply, host, getSslErrorReport(errors));
+    requestUserConfirmation(reply, host, report);
 }
 
 void SslErrorHandler::onLateNetworkReplySslErrors(const QString& host, const QList<QSslError>& errors)

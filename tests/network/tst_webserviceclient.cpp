@@ -3,7 +3,6 @@
 #include "network/platform.h"
 #include "network/platformapitokenwebserviceclient.h"
 #include "network/platformwebserviceclient.h"
-#include "network/safenetworkdiskcache.h"
 #include "network/webservicejob.h"
 #include "testcredentials.h"
 #include "testhttpserver.h"
@@ -15,7 +14,6 @@
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTcpServer>
-#include <QTemporaryDir>
 #include <QTest>
 #include <QUrlQuery>
 
@@ -60,7 +58,6 @@ private Q_SLOTS:
     void waitForFinished_data();
     void waitForFinished();
     void resultValue();
-    void adoptedCacheServesSecondGet();
 
 private:
     TestCredentials m_credentials;
@@ -530,36 +527,6 @@ void TestWebServiceClient::resultValue()
 
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^Failed to parse JSON content")));
     QVERIFY(a.getContentAsJson().isNull());
-}
-
-void TestWebServiceClient::adoptedCacheServesSecondGet()
-{
-    TestHttpServer server([](const TestHttpRequest&) {
-        Response response = Response::json(200, R"({"adb_url": "wss://example.invalid/adb"})");
-        response.headers.append(qMakePair(QByteArray("Cache-Control"), QByteArray("max-age=3600")));
-        return response;
-    });
-    QVERIFY(server.listen());
-    QTemporaryDir cacheDir;
-    QVERIFY(cacheDir.isValid());
-    QNetworkAccessManager nam;
-    auto* cache = new SafeNetworkDiskCache();
-    cache->setCacheDirectory(cacheDir.path());
-    nam.setCache(cache);
-    PlatformApiTokenWebServiceClient client(server.baseUrl(), &m_credentials, &nam, nullptr);
-    QVERIFY(client.getNetworkManager()->isCacheEnabled());
-
-    QList<WebServiceResult> results;
-    for (int i = 0; i < 2; ++i) {
-        WebServiceJob* job = client.get(INSTANCE_PATH);
-        QVERIFY(job->waitForFinished(0));
-        results.append(job->getResult());
-    }
-    QCOMPARE(server.requests().size(), 1);
-    QVERIFY(!results.at(0).isFromCache());
-    QVERIFY(results.at(1).isFromCache());
-    QCOMPARE(results.at(1).getContent(), results.at(0).getContent());
-    QVERIFY(cache->cacheSize() > 0);
 }
 
 QTEST_GUILESS_MAIN(TestWebServiceClient)
