@@ -18,6 +18,11 @@ bool takesId(const QString& command)
 
 void AdbTunnelParser::setupParser(QCommandLineParser* parser)
 {
+    setupParser(parser, QCoreApplication::arguments());
+}
+
+void AdbTunnelParser::setupParser(QCommandLineParser* parser, const QStringList& arguments)
+{
     parser->setApplicationDescription(
         QStringLiteral("%1 - A way to connect ADB to Kestrelbox Cloud SaaS instances")
             .arg(QCoreApplication::applicationName()));
@@ -25,7 +30,7 @@ void AdbTunnelParser::setupParser(QCommandLineParser* parser)
     parser->addVersionOption();
     parser->addPositionalArgument(COMMAND_KEY, QStringLiteral("Command to execute"));
 
-    parser->parse(QCoreApplication::arguments());
+    parser->parse(arguments);
     const QStringList positional = parser->positionalArguments();
     const QString command = positional.isEmpty() ? QString() : positional.first();
 

@@ -29,6 +29,7 @@ class AdbTunnelParser
 {
 public:
     static void setupParser(QCommandLineParser* parser);
+    static void setupParser(QCommandLineParser* parser, const QStringList& arguments);
     // The request map to send to the daemon; empty when the arguments are not a valid command.
     static QVariantMap getMessageFromParser(const QCommandLineParser& parser);
 };

@@ -75,9 +75,9 @@ private Q_SLOTS:
         QLocalSocket socket;
         socket.connectToServer(m_instance->getServer()->serverName());
         QVERIFY(socket.waitForConnected(1000));
-        socket.write(frame(R"({"async":false,"message":{"command":"getinstances"}})"));
+        socket.write(frame("{\"async\":false,\"message\":{\"command\":\"getinstances\"}}"));
         const QByteArray reply = readRawReply(socket);
-        QCOMPARE(reply, frame(R"({"reply":{"echo":"getinstances"}})"));
+        QCOMPARE(reply, frame("{\"reply\":{\"echo\":\"getinstances\"}}"));
         QCOMPARE(m_received.size(), 1);
         QCOMPARE(m_received.first().value(QStringLiteral("command")).toString(),
                  QStringLiteral("getinstances"));
@@ -90,8 +90,8 @@ private Q_SLOTS:
         QLocalSocket socket;
         socket.connectToServer(m_instance->getServer()->serverName());
         QVERIFY(socket.waitForConnected(1000));
-        socket.write(frame(R"({"async":false,"message":{"heartbeat":"ping"}})"));
-        QCOMPARE(readRawReply(socket), frame(R"({"reply":{"heartbeat":"pong"}})"));
+        socket.write(frame("{\"async\":false,\"message\":{\"heartbeat\":\"ping\"}}"));
+        QCOMPARE(readRawReply(socket), frame("{\"reply\":{\"heartbeat\":\"pong\"}}"));
     }
 
     void frameArrivingInPiecesIsReadWhole()
@@ -105,7 +105,7 @@ private Q_SLOTS:
             socket.connectToServer(serverName);
             if (!socket.waitForConnected(1000))
                 return;
-            const QByteArray bytes = frame(R"({"async":false,"message":{"command":"start"}})");
+            const QByteArray bytes = frame("{\"async\":false,\"message\":{\"command\":\"start\"}}");
             for (int i = 0; i < bytes.size(); i += 3) {
                 socket.write(bytes.mid(i, 3));
                 socket.waitForBytesWritten(1000);
@@ -117,7 +117,7 @@ private Q_SLOTS:
         QTRY_COMPARE(m_received.size(), 1);
         QTRY_VERIFY_WITH_TIMEOUT(reply.size() >= 34, 5000);
         writer.join();
-        QCOMPARE(reply, frame(R"({"reply":{"echo":"start"}})"));
+        QCOMPARE(reply, frame("{\"reply\":{\"echo\":\"start\"}}"));
     }
 
     void asyncRequestGetsNoReplyAndIsClosed()
@@ -125,7 +125,7 @@ private Q_SLOTS:
         QLocalSocket socket;
         socket.connectToServer(m_instance->getServer()->serverName());
         QVERIFY(socket.waitForConnected(1000));
-        socket.write(frame(R"({"async":true,"message":{"command":"stop"}})"));
+        socket.write(frame("{\"async\":true,\"message\":{\"command\":\"stop\"}}"));
         QTRY_COMPARE(socket.state(), QLocalSocket::UnconnectedState);
         QCOMPARE(socket.bytesAvailable(), 0);
         QCOMPARE(m_received.size(), 1);
@@ -136,8 +136,8 @@ private Q_SLOTS:
         QLocalSocket socket;
         socket.connectToServer(m_instance->getServer()->serverName());
         QVERIFY(socket.waitForConnected(1000));
-        socket.write(frame(R"({"async":false})"));
-        QCOMPARE(readRawReply(socket), frame(R"({"reply":{"echo":null}})"));
+        socket.write(frame("{\"async\":false}"));
+        QCOMPARE(readRawReply(socket), frame("{\"reply\":{\"echo\":null}}"));
         QCOMPARE(m_received.size(), 1);
         QVERIFY(m_received.first().isEmpty());
     }

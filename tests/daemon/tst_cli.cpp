@@ -1,0 +1,326 @@
+// Runs the built kbadbtunneld as a user would, each case with its own configuration home.
+#include <QCryptographicHash>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QtEndian>
+#include <QtTest>
+
+#include <csignal>
+
+namespace {
+
+struct Run
+{
+    int exitCode = -1;
+    QProcess::ExitStatus exitStatus = QProcess::NormalExit;
+    QByteArray out;
+    QByteArray err;
+    QJsonObject json() const { return QJsonDocument::fromJson(out).object(); }
+    QJsonObject errorJson() const { return QJsonDocument::fromJson(err).object(); }
+};
+
+QByteArray frame(const QByteArray& payload)
+{
+    QByteArray bytes(8, '\0');
+    qToBigEndian<qint32>(qint32(payload.size() + 4), bytes.data());
+    qToBigEndian<quint32>(quint32(payload.size()), bytes.data() + 4);
+    return bytes + payload;
+}
+
+bool processAlive(qint64 pid)
+{
+    return pid > 0 && ::kill(pid_t(pid), 0) == 0;
+}
+
+} // namespace
+
+class TestCli : public QObject
+{
+    Q_OBJECT
+
+private:
+    QProcessEnvironment environment() const
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.remove(QStringLiteral("KB_LOG_TO_STDERR")); // stderr must carry only the error documents
+        env.insert(QStringLiteral("KBSAAS_CONFIG_HOME"), m_home->path());
+        return env;
+    }
+
+    Run run(const QStringList& arguments, const QProcessEnvironment* env = nullptr)
+    {
+        QProcess process;
+        process.setProcessEnvironment(env ? *env : environment());
+        process.start(QStringLiteral(KBADBTUNNELD_PATH), arguments);
+        Run result;
+        if (!process.waitForFinished(60000)) {
+            process.kill();
+            process.waitForFinished();
+        }
+        result.exitCode = process.exitCode();
+        result.exitStatus = process.exitStatus();
+        result.out = process.readAllStandardOutput();
+        result.err = process.readAllStandardError();
+        return result;
+    }
+
+    QString log() const
+    {
+        QFile file(m_home->path() + QStringLiteral("/kbadbtunneld.log"));
+        file.open(QIODevice::ReadOnly);
+        return QString::fromUtf8(file.readAll());
+    }
+
+    QList<qint64> daemonPids() const
+    {
+        QList<qint64> pids;
+        static const QRegularExpression started(
+            QStringLiteral("\\[kbadbtunneld:(\\d+):[^\\]]*\\] \\[debug\\] ==== SERVER starting"));
+        auto it = started.globalMatch(log());
+        while (it.hasNext())
+            pids.append(it.next().captured(1).toLongLong());
+        return pids;
+    }
+
+    QString socketPath() const
+    {
+        return m_home->path() + QStringLiteral("/tmp/")
+            + QString::fromLatin1(QCryptographicHash::hash("kbadbtunneld", QCryptographicHash::Md5).toHex());
+    }
+
+    std::unique_ptr<QTemporaryDir> m_home;
+
+private Q_SLOTS:
+    void init() { m_home = std::make_unique<QTemporaryDir>(); }
+
+    void cleanup()
+    {
+        run({ QStringLiteral("stop") });
+        for (qint64 pid : daemonPids()) {
+            if (processAlive(pid))
+                ::kill(pid_t(pid), SIGKILL);
+        }
+        m_home.reset();
+    }
+
+    void badArgumentsPrintHelp_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<bool>("helpOnStdout");
+        QTest::newRow("no arguments") << QStringList {} << 1 << true;
+        QTest::newRow("unknown command") << QStringList { QStringLiteral("foo") } << 1 << true;
+        QTest::newRow("connect without id") << QStringList { QStringLiteral("connect") } << 1 << true;
+        QTest::newRow("option of another command")
+            << QStringList { QStringLiteral("getinstances"), QStringLiteral("--adb-serial-port"),
+                             QStringLiteral("5555") }
+            << 1 << false;
+        QTest::newRow("missing option value")
+            << QStringList { QStringLiteral("connect"), QStringLiteral("abc"),
+                             QStringLiteral("--adb-serial-port") }
+            << 1 << false;
+        QTest::newRow("help") << QStringList { QStringLiteral("--help") } << 0 << true;
+    }
+
+    void badArgumentsPrintHelp()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, exitCode);
+        QFETCH(bool, helpOnStdout);
+        const Run result = run(arguments);
+        QCOMPARE(result.exitCode, exitCode);
+        if (helpOnStdout) {
+            QVERIFY(result.out.contains("A way to connect ADB to Kestrelbox Cloud SaaS instances"));
+            QCOMPARE(result.err, QByteArray());
+        } else {
+            QCOMPARE(result.out, QByteArray());
+            QVERIFY(!result.err.isEmpty());
+        }
+        QVERIFY(daemonPids().isEmpty());
+    }
+
+    void version()
+    {
+        QCOMPARE(run({ QStringLiteral("--version") }).out, QByteArray("kbadbtunneld 1.16.0\n"));
+        QProcessEnvironment env = environment();
+        env.insert(QStringLiteral("KBADBTUNNELD_VERSION"), QStringLiteral("2.0.0-rc1"));
+        QCOMPARE(run({ QStringLiteral("-v") }, &env).out, QByteArray("kbadbtunneld 2.0.0-rc1\n"));
+    }
+
+    void commandsWithoutDaemonStartNothing()
+    {
+        for (const QStringList& arguments :
+             { QStringList { QStringLiteral("stop") }, QStringList { QStringLiteral("getdaemoninfo") },
+               QStringList { QStringLiteral("getinstances") },
+               QStringList { QStringLiteral("disconnect"), QStringLiteral("abc") } }) {
+            const Run result = run(arguments);
+            QCOMPARE(result.exitCode, 0);
+            QCOMPARE(result.out, QByteArray("{\n    \"exit_code\": 0,\n    \"running\": false\n}\n"));
+            QCOMPARE(result.err, QByteArray());
+        }
+        QVERIFY(daemonPids().isEmpty());
+    }
+
+    void daemonLifecycle()
+    {
+        Run result = run({ QStringLiteral("start") });
+        QCOMPARE(result.exitCode, 0);
+        QCOMPARE(result.json().value(QStringLiteral("running")).toBool(), true);
+        QCOMPARE(daemonPids().size(), 1);
+        const qint64 pid = daemonPids().first();
+        QVERIFY(processAlive(pid));
+        QVERIFY(QFileInfo::exists(socketPath()));
+
+        result = run({ QStringLiteral("start") });
+        QCOMPARE(result.out, QByteArray("{\n    \"exit_code\": 0,\n    \"running\": true\n}\n"));
+        QCOMPARE(daemonPids().size(), 1);
+
+        result = run({ QStringLiteral("getdaemoninfo") });
+        QCOMPARE(result.json().value(QStringLiteral("version")).toString(), QStringLiteral("1.16.0"));
+        QVERIFY(result.json()
+                    .value(QStringLiteral("platform_url"))
+                    .toString()
+                    .startsWith(QLatin1String("https://")));
+        QCOMPARE(result.json().value(QStringLiteral("proxy")).toString(), QString());
+        QCOMPARE(result.json().value(QStringLiteral("exit_code")).toInt(-1), 0);
+
+        result = run({ QStringLiteral("getinstances") });
+        QCOMPARE(result.json().value(QStringLiteral("instances")).toArray().size(), 0);
+
+        // Garbage on the local socket is logged and the daemon keeps serving.
+        QLocalSocket garbage;
+        garbage.connectToServer(socketPath());
+        QVERIFY(garbage.waitForConnected(2000));
+        garbage.write(frame("this is not json"));
+        garbage.waitForBytesWritten(1000);
+        QTRY_VERIFY(log().contains(QLatin1String("Invalid json received:")));
+        QCOMPARE(run({ QStringLiteral("getinstances") }).exitCode, 0);
+
+        result = run({ QStringLiteral("stop") });
+        QCOMPARE(result.exitCode, 0);
+        QCOMPARE(result.json().value(QStringLiteral("running")).toBool(true), false);
+        QTRY_VERIFY(!processAlive(pid));
+        QVERIFY(log().contains(QLatin1String("==== SERVER exit code: 0 ====")));
+    }
+
+    void daemonInfoShowsPlatformAndProxy()
+    {
+        QFile config(m_home->path() + QStringLiteral("/config.json"));
+        QVERIFY(config.open(QIODevice::WriteOnly));
+        config.write("{\"proxy\": \"socks5://user:pw@127.0.0.1:1080\"}");
+        config.close();
+        QProcessEnvironment env = environment();
+        env.insert(QStringLiteral("KB_PLATFORM_BASE_URL"), QStringLiteral("http://127.0.0.1:9/api"));
+        QCOMPARE(run({ QStringLiteral("start") }, &env).exitCode, 0);
+        const QJsonObject info = run({ QStringLiteral("getdaemoninfo") }).json();
+        QCOMPARE(info.value(QStringLiteral("platform_url")).toString(),
+                 QStringLiteral("http://127.0.0.1:9/api"));
+        QCOMPARE(info.value(QStringLiteral("proxy")).toString(), QStringLiteral("127.0.0.1:1080"));
+        QVERIFY(log().contains(QLatin1String("Config proxy used: socks5://127.0.0.1:1080")));
+    }
+
+    void signalsEndTheDaemonCleanly_data()
+    {
+        QTest::addColumn<int>("signal");
+        QTest::newRow("SIGTERM") << int(SIGTERM);
+        QTest::newRow("SIGINT") << int(SIGINT);
+        QTest::newRow("SIGHUP") << int(SIGHUP);
+    }
+
+    void signalsEndTheDaemonCleanly()
+    {
+        QFETCH(int, signal);
+        QCOMPARE(run({ QStringLiteral("start") }).exitCode, 0);
+        const qint64 pid = daemonPids().value(0);
+        QVERIFY(processAlive(pid));
+        ::kill(pid_t(pid), signal);
+        QTRY_VERIFY(!processAlive(pid));
+        const QString text = log();
+        QVERIFY(text.contains(QStringLiteral("Signal %1 caught. Quit daemon.").arg(signal)));
+        QVERIFY(text.contains(QLatin1String("==== SERVER exit code: 0 ====")));
+
+        // Every line follows the documented pattern, the daemon's thread id included.
+        static const QRegularExpression line(
+            QStringLiteral("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3} "
+                           "\\[kbadbtunneld:\\d+:0x[0-9a-f]+\\] \\[(debug|warning|critical|info)\\] "));
+        const QStringList lines = text.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QVERIFY(lines.size() > 5);
+        for (const QString& l : lines)
+            QVERIFY2(line.match(l).hasMatch(), qPrintable(l));
+    }
+
+    void unusableSocketDirectoryFailsToStart()
+    {
+        // "tmp" is a file, so the daemon cannot create its socket there.
+        QFile blocker(m_home->path() + QStringLiteral("/tmp"));
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+        const Run result = run({ QStringLiteral("connect"), QStringLiteral("abc") });
+        QCOMPARE(result.exitCode, 2);
+        QCOMPARE(result.out, QByteArray());
+        const QJsonObject error = result.errorJson().value(QStringLiteral("error")).toObject();
+        QCOMPARE(error.value(QStringLiteral("message")).toString(),
+                 QStringLiteral("Failed to start 'kbadbtunneld'."));
+        QCOMPARE(error.value(QStringLiteral("details")).toString(QStringLiteral("x")), QString());
+        QCOMPARE(result.errorJson().value(QStringLiteral("exit_code")).toInt(), 2);
+    }
+
+    void replyProblems_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<QByteArray>("reply");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("reply not json") << "getinstances" << frame("{broken") << "Invalid response";
+        QTest::newRow("connection closed") << "getdaemoninfo" << QByteArray() << "Invalid response";
+        QTest::newRow("daemon will not stop")
+            << "stop" << frame("{\"reply\":true}") << "Failed to stop 'kbadbtunneld'.";
+    }
+
+    // A stand-in daemon on the socket gives the answers a real one never would.
+    void replyProblems()
+    {
+        QFETCH(QString, command);
+        QFETCH(QByteArray, reply);
+        QFETCH(QString, message);
+        QDir().mkpath(m_home->path() + QStringLiteral("/tmp"));
+        QLocalServer server;
+        QVERIFY(server.listen(socketPath()));
+        connect(&server, &QLocalServer::newConnection, this, [&server, reply] {
+            QLocalSocket* socket = server.nextPendingConnection();
+            connect(socket, &QLocalSocket::readyRead, socket, [socket, reply] {
+                socket->readAll();
+                if (reply.isEmpty())
+                    socket->abort();
+                else
+                    socket->write(reply);
+            });
+        });
+
+        QProcess process;
+        process.setProcessEnvironment(environment());
+        process.start(QStringLiteral(KBADBTUNNELD_PATH), { command });
+        QTRY_COMPARE_WITH_TIMEOUT(process.state(), QProcess::NotRunning, 20000);
+        QCOMPARE(process.exitCode(), 2);
+        const QJsonObject error = QJsonDocument::fromJson(process.readAllStandardError()).object();
+        QCOMPARE(error.value(QStringLiteral("error")).toObject().value(QStringLiteral("message")).toString(),
+                 message);
+    }
+
+    void relativeConfigHomeIsFatal()
+    {
+        QProcessEnvironment env = environment();
+        env.insert(QStringLiteral("KBSAAS_CONFIG_HOME"), QStringLiteral("cfg"));
+        const Run result = run({ QStringLiteral("getinstances") }, &env);
+        QCOMPARE(result.exitStatus, QProcess::CrashExit);
+        QVERIFY(result.err.contains("KBSAAS_CONFIG_HOME is set to 'cfg' but must be an absolute path."));
+        QCOMPARE(result.out, QByteArray());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestCli)
+#include "tst_cli.moc"
