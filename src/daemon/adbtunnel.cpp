@@ -1,17 +1,33 @@
 #include "adbtunnel.h"
 
+#include "androidtools/adbclient.h"
+#include "network/abstractcredentialsprovider.h"
+#include "network/abstractwebsocket.h"
+#include "network/networkprovider.h"
+#include "network/platformapitokenwebserviceclient.h"
+#include "network/platformwebserviceclient.h"
 #include "utils/envvars.h"
 #include "utils/loghandler.h"
 
 #include <QDebug>
+#include <QMetaObject>
+#include <QThread>
 
 namespace {
 const char* const DEFAULT_PLATFORM_BASE_URL = "https://api.kestrelbox.cloud";
+const QLatin1String ADB_TUNNEL_HOST("localhost");
 } // namespace
+
+#define INSTANCE_LOG_PREFIX LogHandler::LogPrefixer prefixer(QStringLiteral("[UUID:%1]").arg(m_info->id))
 
 QUrl getPlatformBaseUrl()
 {
     return QUrl(EnvVars::getString("KB_PLATFORM_BASE_URL", QString::fromLatin1(DEFAULT_PLATFORM_BASE_URL)));
+}
+
+void AdbTunnel::AdbClientDeleter::operator()(AdbClient* client) const
+{
+    client->deleteLater();
 }
 
 AdbTunnel::AdbTunnel(NetworkProvider* networkProvider, AbstractCredentialsProvider* credentialsProvider,
@@ -20,12 +36,30 @@ AdbTunnel::AdbTunnel(NetworkProvider* networkProvider, AbstractCredentialsProvid
     , m_info(info)
     , m_networkProvider(networkProvider)
     , m_credentialsProvider(credentialsProvider)
+    , m_adbThread(new QThread(this))
 {
     qRegisterMetaType<AdbTunnel::Error>("Error");
     qRegisterMetaType<AdbTunnel::Error>("AdbTunnel::Error");
+    m_adbThread->setObjectName(QStringLiteral("adb-%1").arg(info->id));
 }
 
-AdbTunnel::~AdbTunnel() = default;
+AdbTunnel::~AdbTunnel()
+{
+    INSTANCE_LOG_PREFIX;
+    qDebug() << "Disconnecting...";
+    if (m_adbClient) {
+        if (m_adbThread->isRunning()) {
+            // Detach the serial before this thread goes: the local ADB server would otherwise
+            // keep an offline device around.
+            QMetaObject::invokeMethod(m_adbClient.get(), &AdbClient::disconnectFromAdb,
+                                      Qt::BlockingQueuedConnection);
+        }
+    }
+    m_adbThread->quit();
+    m_adbThread->wait();
+    // The thread is gone, so deleteLater would never be delivered: delete directly.
+    delete m_adbClient.release();
+}
 
 QString AdbTunnel::getDeviceId() const
 {
@@ -39,8 +73,107 @@ QString AdbTunnel::getDeviceSerial() const
 
 void AdbTunnel::doWork()
 {
-    LogHandler::LogPrefixer prefixer(QStringLiteral("[UUID:%1]").arg(m_info->id));
+    INSTANCE_LOG_PREFIX;
     qDebug() << "Worker thread";
-    // The authentication chain is not wired yet: report the attempt as failed for good.
-    Q_EMIT error(AuthenticationError);
+
+    m_webSocket = m_networkProvider->createWebSocket(this);
+    connect(m_webSocket, &AbstractWebSocket::disconnected, this, &AdbTunnel::onWebSocketDisconnected);
+    connect(m_webSocket, &AbstractWebSocket::errorOccured, this, &AdbTunnel::onWebSocketError);
+
+    WebServiceClient* client = nullptr;
+    if (m_credentialsProvider->hasApiToken()) {
+        qDebug() << "Using authentication through API Token";
+        client = new PlatformApiTokenWebServiceClient(getPlatformBaseUrl(), m_credentialsProvider,
+                                                      m_networkProvider->getNetworkAccessManager(), this);
+    } else {
+        qDebug() << "Using authentication through credentials";
+        client = new PlatformWebServiceClient(getPlatformBaseUrl(), m_credentialsProvider,
+                                              m_networkProvider->getNetworkAccessManager(), this);
+    }
+
+    // Owned by the tunnel so that every attempt's authenticator goes with its attempt.
+    m_authenticator = new PlatformAuthenticator(m_webSocket, m_info->id, client, this);
+    connect(m_authenticator, &PlatformAuthenticator::authenticated, this,
+            &AdbTunnel::onAuthenticationSuccess);
+    connect(m_authenticator, &PlatformAuthenticator::error, this, &AdbTunnel::onAuthenticationError);
+
+    m_bridge = new WebSocketTcpBridge(m_webSocket, m_info->id, this);
+    connect(m_bridge, &WebSocketTcpBridge::stateChanged, this, &AdbTunnel::onBridgeStateChanged);
+    connect(m_bridge, &WebSocketTcpBridge::tcpSocketDisconnected, this, &AdbTunnel::connectToAdbTunnel);
+
+    m_authenticator->connectWebSocket();
+}
+
+void AdbTunnel::onAuthenticationSuccess()
+{
+    m_bridge->start(m_info->port);
+}
+
+void AdbTunnel::onAuthenticationError(PlatformAuthenticator::Error authError, const QString& message)
+{
+    INSTANCE_LOG_PREFIX;
+    qWarning().noquote() << QStringLiteral("Authentication error: %1 (%2)")
+                                .arg(PlatformAuthenticator::errorCodeToString(authError), message);
+    Q_EMIT error(authError == PlatformAuthenticator::WebSocketError ? DisconnectionError
+                                                                    : AuthenticationError);
+}
+
+void AdbTunnel::onWebSocketDisconnected()
+{
+    disconnect(m_webSocket, &AbstractWebSocket::disconnected, this, &AdbTunnel::onWebSocketDisconnected);
+    Q_EMIT error(DisconnectionError);
+}
+
+void AdbTunnel::onWebSocketError()
+{
+    INSTANCE_LOG_PREFIX;
+    qWarning() << "WebSocket error:" << m_webSocket->errorString() << m_webSocket->error();
+}
+
+void AdbTunnel::onBridgeStateChanged(WebSocketTcpBridge::State state)
+{
+    if (state == WebSocketTcpBridge::IDLE) {
+        if (m_bridge->getLastError() == WebSocketTcpBridge::TcpServerError)
+            Q_EMIT error(BridgeBusyPortError);
+        return;
+    }
+    if (state == WebSocketTcpBridge::RUNNING) {
+        const quint16 port = m_bridge->getTcpPort();
+        m_info->serial = QStringLiteral("%1:%2").arg(ADB_TUNNEL_HOST).arg(port);
+        m_info->port = port;
+        connectToAdbTunnel();
+    }
+}
+
+void AdbTunnel::connectToAdbTunnel()
+{
+    INSTANCE_LOG_PREFIX;
+    const quint16 port = m_bridge->getTcpPort();
+    const QString serial = QStringLiteral("%1:%2").arg(ADB_TUNNEL_HOST).arg(port);
+    qDebug().noquote() << "Connect local ADB to" << serial;
+    if (port == 0) {
+        Q_EMIT error(BridgeBusyPortError);
+        return;
+    }
+
+    m_adbClient.reset(new AdbClient(serial));
+    if (!m_adbThread->isRunning())
+        m_adbThread->start();
+    connect(m_adbClient.get(), &AdbClient::connectSuccess, this, &AdbTunnel::onAdbconnectSuccess);
+    connect(m_adbClient.get(), &AdbClient::connectError, this, &AdbTunnel::onAdbconnectError);
+    m_adbClient->moveToThread(m_adbThread);
+    if (!QMetaObject::invokeMethod(m_adbClient.get(), &AdbClient::connectToAdb, Qt::QueuedConnection)) {
+        qWarning() << "AdbTunnel::connectToAdbTunnel : Unable to invoke ADB connection function";
+        onAdbconnectError();
+    }
+}
+
+void AdbTunnel::onAdbconnectSuccess()
+{
+    Q_EMIT success();
+}
+
+void AdbTunnel::onAdbconnectError()
+{
+    Q_EMIT error(AdbError);
 }

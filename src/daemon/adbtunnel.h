@@ -1,15 +1,23 @@
 #pragma once
 
 #include "adbtunnelinfo.h"
+#include "platformauthenticator.h"
+#include "web_socket_tcp_bridge.h"
 
 #include <QObject>
 #include <QUrl>
 
-class AbstractCredentialsProvider;
-class NetworkProvider;
+#include <memory>
 
-// One attempt at connecting one cloud instance to the local ADB server. Lives in its
-// controller's worker thread; a restart is a new AdbTunnel.
+class AbstractCredentialsProvider;
+class AbstractWebSocket;
+class AdbClient;
+class NetworkProvider;
+class QThread;
+
+// One attempt at connecting one cloud instance to the local ADB server: authentication, the
+// bridge on a local port, then `adb connect`. Lives in its controller's worker thread; a
+// restart is a new AdbTunnel.
 class AdbTunnel : public QObject
 {
     Q_OBJECT
@@ -36,10 +44,30 @@ Q_SIGNALS:
     void success(); // ADB is connected through the tunnel; emitted from the tunnel's thread
     void error(const AdbTunnel::Error& error); // every failure, once per cause; tunnel's thread
 
+private Q_SLOTS:
+    void onAuthenticationSuccess();
+    void onAuthenticationError(PlatformAuthenticator::Error error, const QString& message);
+    void onWebSocketDisconnected();
+    void onWebSocketError();
+    void onBridgeStateChanged(WebSocketTcpBridge::State state);
+    void connectToAdbTunnel();
+    void onAdbconnectSuccess();
+    void onAdbconnectError();
+
 private:
+    struct AdbClientDeleter
+    {
+        void operator()(AdbClient* client) const;
+    };
+
+    AbstractWebSocket* m_webSocket = nullptr;
+    PlatformAuthenticator* m_authenticator = nullptr;
+    WebSocketTcpBridge* m_bridge = nullptr;
+    std::unique_ptr<AdbClient, AdbClientDeleter> m_adbClient;
     AdbTunnelInfo* m_info;
     NetworkProvider* m_networkProvider;
     AbstractCredentialsProvider* m_credentialsProvider;
+    QThread* m_adbThread;
 };
 
 Q_DECLARE_METATYPE(AdbTunnel::Error)
