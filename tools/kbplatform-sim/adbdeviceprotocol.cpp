@@ -30,12 +30,10 @@ void AdbDeviceProtocol::feed(const QByteArray& bytes)
     if (m_failed)
         return;
     m_reader.append(bytes);
-    if (m_reader.isCorrupted()) {
-        fail("message announces " + QByteArray::number(m_reader.corruptLength()) + " payload bytes");
-        return;
-    }
     while (!m_failed && m_reader.packetAvailable())
         handle(m_reader.read());
+    if (!m_failed && m_reader.isCorrupted())
+        fail("message announces " + QByteArray::number(m_reader.corruptLength()) + " payload bytes");
 }
 
 QList<AdbDeviceProtocol::Event> AdbDeviceProtocol::takeEvents()

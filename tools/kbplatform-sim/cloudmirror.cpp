@@ -18,14 +18,8 @@ void CloudMirror::feedFromDevice(const QByteArray& bytes)
     drain(m_deviceReader, "device", false);
 }
 
-bool CloudMirror::drain(PacketReader& reader, const char* side, bool fromDaemonSide)
+void CloudMirror::drain(PacketReader& reader, const char* side, bool fromDaemonSide)
 {
-    if (reader.isCorrupted()) {
-        m_error = QStringLiteral("the %1 sent a message announcing %2 payload bytes")
-                      .arg(QLatin1String(side))
-                      .arg(reader.corruptLength());
-        return false;
-    }
     while (reader.packetAvailable()) {
         const QByteArray message = reader.read().toByteArray();
         if (fromDaemonSide)
@@ -33,7 +27,11 @@ bool CloudMirror::drain(PacketReader& reader, const char* side, bool fromDaemonS
         else
             fromDevice(message);
     }
-    return true;
+    if (reader.isCorrupted()) {
+        m_error = QStringLiteral("the %1 sent a message announcing %2 payload bytes")
+                      .arg(QLatin1String(side))
+                      .arg(reader.corruptLength());
+    }
 }
 
 QByteArrayList CloudMirror::takeToDevice()

@@ -49,7 +49,7 @@ private:
     void fromDaemon(const QByteArray& message);
     void fromDevice(const QByteArray& message);
     void release(const Key& key);
-    bool drain(PacketReader& reader, const char* side, bool fromDaemonSide);
+    void drain(PacketReader& reader, const char* side, bool fromDaemonSide);
 
     PacketReader m_daemonReader;
     PacketReader m_deviceReader;

@@ -41,6 +41,10 @@ PlatformHttpServer::~PlatformHttpServer() = default;
 
 bool PlatformHttpServer::handleRequest(const QHttpServerRequest& request, QTcpSocket* socket)
 {
+    // QAbstractHttpServer hands an upgrade to its WebSocket server only when this returns true
+    // and nothing was written to the socket; the instance is checked once the socket is ours.
+    if (request.value("upgrade").compare("websocket", Qt::CaseInsensitive) == 0)
+        return true;
     if (request.body().size() > MAX_BODY) {
         replyError(request, socket, Status::PayloadTooLarge, QStringLiteral("request body too large"));
         return true;
