@@ -29,6 +29,7 @@ private Q_SLOTS:
     void unknownServiceIsRefused();
     void malformedMessages_data();
     void malformedMessages();
+    void relayToTcpDevice();
 
 private:
     AdbResult adb(const QStringList& arguments) const
@@ -290,6 +291,27 @@ void TestSimDevice::malformedMessages()
         QCOMPARE(socket.state(), QAbstractSocket::ConnectedState);
     }
     QCOMPARE(adb({ QStringLiteral("shell"), QStringLiteral("echo ok") }).out, QByteArray("ok\n"));
+}
+
+void TestSimDevice::relayToTcpDevice()
+{
+    // A second simulator whose instance relays to the first one's device, as it would to an
+    // emulator's adbd.
+    SimProcess relay;
+    QString error;
+    QVERIFY2(relay.start({ QStringLiteral("--device"), QStringLiteral("tcp:127.0.0.1:%1").arg(m_devicePort) },
+                         &error),
+             qPrintable(error));
+    const QString serial
+        = QStringLiteral("127.0.0.1:%1").arg(relay.instance().value(QStringLiteral("device_port")).toInt());
+    QVERIFY(m_adb->run({ QStringLiteral("connect"), serial }).out.contains("connected to"));
+    QCOMPARE(m_adb->run({ QStringLiteral("-s"), serial, QStringLiteral("wait-for-device") }, 60000).exitCode,
+             0);
+    const AdbResult result = m_adb->run(
+        { QStringLiteral("-s"), serial, QStringLiteral("shell"), QStringLiteral("getprop ro.serialno") });
+    QCOMPARE(result.out, m_sim.instance().value(QStringLiteral("uuid")).toString().toUtf8() + '\n');
+    m_adb->run({ QStringLiteral("disconnect"), serial });
+    relay.stop();
 }
 
 QTEST_GUILESS_MAIN(TestSimDevice)

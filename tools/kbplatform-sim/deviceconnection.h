@@ -23,6 +23,6 @@ public:
 
 Q_SIGNALS:
     void received(const QByteArray& bytes); // device bytes for the host, in order
-    void backlogDrained(); // backlog() fell below HIGH_WATER after having been above it
+    void backlogDrained(); // backlog() fell well below HIGH_WATER after having reached it
     void closed(const QString& reason); // emitted once; nothing is received afterwards
 };

@@ -117,9 +117,8 @@ void SyncService::handleList(const QByteArray& path)
             if (::lstat(QFile::encodeName(dir.filePath(name)).constData(), &st) != 0)
                 continue;
             const QByteArray encoded = QFile::encodeName(name);
-            QByteArray dent = statReply(SyncParser::DENT, &st);
-            dent.append(SyncParser::header(quint32(encoded.size()), 0).left(4));
-            dent.append(encoded);
+            QByteArray dent = statReply(SyncParser::DENT, &st) + QByteArray(4, '\0') + encoded;
+            qToLittleEndian(quint32(encoded.size()), dent.data() + 16);
             send(dent);
         }
     }
