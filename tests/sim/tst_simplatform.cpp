@@ -56,6 +56,7 @@ private Q_SLOTS:
     void closeAfterBytes();
     void linkDelay();
     void https();
+    void sessionTtlAndCleanExit();
 
 private:
     HttpResult http(const QByteArray& verb, const QString& path, const QJsonObject& body = {},
@@ -528,6 +529,67 @@ void TestSimPlatform::https()
     QVERIFY(texts.at(0).at(0).toString().contains(QLatin1String("SUCCESS")));
     socket->close();
     sim.stop();
+}
+
+void TestSimPlatform::sessionTtlAndCleanExit()
+{
+    SimProcess sim;
+    QString error;
+    QVERIFY2(sim.start({ QStringLiteral("--email"), EMAIL, QStringLiteral("--password"), PASSWORD,
+                         QStringLiteral("--session-ttl-ms"), QStringLiteral("1") },
+                       &error),
+             qPrintable(error));
+    const QString uuid = sim.instance().value(QStringLiteral("uuid")).toString();
+    const QString token
+        = http("POST", QStringLiteral("/v1/users/login"),
+               { { QStringLiteral("email"), EMAIL }, { QStringLiteral("password"), PASSWORD } }, {}, 0,
+               sim.baseUrl())
+              .body.value(QStringLiteral("token"))
+              .toString();
+    QVERIFY(!token.isEmpty());
+    QTRY_COMPARE(http("GET", QStringLiteral("/v1/instances/") + uuid, {},
+                      { { "Authorization", "Bearer " + token.toUtf8() } }, 0, sim.baseUrl())
+                     .status,
+                 401);
+
+    // A command still running on the device, and the temporary sandbox, are gone with the simulator.
+    const QString sandbox = http("GET", QStringLiteral("/_sim/state"), {}, {}, 0, sim.baseUrl())
+                                .body.value(QStringLiteral("instances"))
+                                .toArray()
+                                .at(0)
+                                .toObject()
+                                .value(QStringLiteral("sandbox"))
+                                .toString();
+    QVERIFY(QFileInfo(sandbox).isDir());
+    const QString accessToken
+        = http("POST", QStringLiteral("/v1/instances/access-token"),
+               { { QStringLiteral("instance_uuid"), uuid } },
+               { { "x-api-token", sim.ready.value(QStringLiteral("api_token")).toString().toUtf8() } }, 0,
+               sim.baseUrl())
+              .body.value(QStringLiteral("access_token"))
+              .toString();
+    auto socket = openWebSocket(
+        sim.instance().value(QStringLiteral("adb_url")).toString(),
+        QStringLiteral("{\"type\":\"token\",\"token\":\"%1\",\"adbTunnelVersion\":2}").arg(accessToken));
+    QVERIFY(socket);
+    QSignalSpy texts(socket.get(), &QWebSocket::textMessageReceived);
+    QSignalSpy frames(socket.get(), &QWebSocket::binaryMessageReceived);
+    QVERIFY(texts.wait(10000));
+    socket->sendBinaryMessage(adbMessage(AdbPacket::CNXN, 0x01000001, 4096, "host::"));
+    socket->sendBinaryMessage(adbMessage(AdbPacket::OPEN, 1, 0, "exec:echo $$; exec sleep 300"));
+    QByteArray pid;
+    while (pid.isEmpty()) {
+        const QByteArray frame = nextFrame(socket.get(), frames);
+        QVERIFY(!frame.isEmpty());
+        if (AdbPacket::headerWord(frame, 0) == AdbPacket::WRTE)
+            pid = frame.mid(24).trimmed();
+    }
+    QVERIFY(QFileInfo::exists(QStringLiteral("/proc/") + QString::fromLatin1(pid)));
+    sim.stop();
+    QCOMPARE(sim.process().exitStatus(), QProcess::NormalExit);
+    QCOMPARE(sim.process().exitCode(), 0);
+    QVERIFY(!QFileInfo::exists(QStringLiteral("/proc/") + QString::fromLatin1(pid)));
+    QVERIFY(!QFileInfo::exists(sandbox));
 }
 
 QTEST_GUILESS_MAIN(TestSimPlatform)
