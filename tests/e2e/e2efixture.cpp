@@ -1,0 +1,286 @@
+#include "e2efixture.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFile>
+#include <QJsonDocument>
+#include <QNetworkAccessManager>
+#include <QNetworkProxy>
+#include <QNetworkReply>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QTcpServer>
+#include <QThread>
+#include <QTimer>
+
+#include <csignal>
+
+QJsonObject E2eFixture::Result::json() const
+{
+    return QJsonDocument::fromJson(out).object();
+}
+
+E2eFixture::E2eFixture()
+{
+    QDir().mkpath(path(QStringLiteral("home")));
+    QDir().mkpath(path(QStringLiteral("sandbox")));
+    m_adbPort = freePort();
+    writeConfig({});
+}
+
+E2eFixture::~E2eFixture()
+{
+    kbadbtunneld({ QStringLiteral("stop") }, 15000);
+    static const QRegularExpression daemonLine(
+        QStringLiteral("\\[kbadbtunneld:(\\d+):[^\\]]*\\] \\[debug\\] ==== SERVER starting"));
+    auto it = daemonLine.globalMatch(QString::fromUtf8(log()));
+    while (it.hasNext()) {
+        const pid_t pid = pid_t(it.next().captured(1).toLongLong());
+        if (pid > 0 && ::kill(pid, 0) == 0)
+            ::kill(pid, SIGKILL);
+    }
+    adb({ QStringLiteral("kill-server") }, 15000);
+    stopSimulator();
+}
+
+QString E2eFixture::adbPath()
+{
+    return QStringLiteral("/usr/lib/android-sdk/platform-tools/adb");
+}
+
+quint16 E2eFixture::freePort()
+{
+    QTcpServer server;
+    server.listen(QHostAddress::LocalHost, 0);
+    return server.serverPort();
+}
+
+bool E2eFixture::startSimulator(const QStringList& arguments)
+{
+    m_simulator = std::make_unique<QProcess>();
+    m_simulator->setProcessChannelMode(QProcess::SeparateChannels);
+    m_simulator->setStandardErrorFile(path(QStringLiteral("simulator.log")), QIODevice::Append);
+    m_simulator->start(QStringLiteral(KBPLATFORM_SIM_PATH),
+                       QStringList { QStringLiteral("--sandbox"), path(QStringLiteral("sandbox")) }
+                           + arguments);
+    if (!m_simulator->waitForStarted(10000))
+        return false;
+    QByteArray line;
+    QElapsedTimer timer;
+    timer.start();
+    while (!line.contains('\n') && timer.elapsed() < 20000) {
+        if (!m_simulator->waitForReadyRead(1000) && m_simulator->state() != QProcess::Running)
+            return false;
+        line += m_simulator->readAllStandardOutput();
+    }
+    m_ready = QJsonDocument::fromJson(line.left(line.indexOf('\n'))).object();
+    return !m_ready.isEmpty();
+}
+
+void E2eFixture::stopSimulator()
+{
+    if (!m_simulator)
+        return;
+    m_simulator->terminate();
+    if (!m_simulator->waitForFinished(5000)) {
+        m_simulator->kill();
+        m_simulator->waitForFinished(5000);
+    }
+    m_simulator.reset();
+}
+
+QString E2eFixture::instanceUuid(int index) const
+{
+    return m_ready.value(QStringLiteral("instances"))
+        .toArray()
+        .at(index)
+        .toObject()
+        .value(QStringLiteral("uuid"))
+        .toString();
+}
+
+quint16 E2eFixture::devicePort(int index) const
+{
+    return quint16(m_ready.value(QStringLiteral("instances"))
+                       .toArray()
+                       .at(index)
+                       .toObject()
+                       .value(QStringLiteral("device_port"))
+                       .toInt());
+}
+
+void E2eFixture::useApiToken()
+{
+    QFile file(path(QStringLiteral("home/auth.json")));
+    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    file.write(QJsonDocument(QJsonObject { { QStringLiteral("api_token"),
+                                             m_ready.value(QStringLiteral("api_token")) } })
+                   .toJson());
+}
+
+void E2eFixture::useCredentials(const QString& email, const QString& password)
+{
+    QFile file(path(QStringLiteral("home/auth.json")));
+    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    file.write(QJsonDocument(QJsonObject { { QStringLiteral("email"), email },
+                                           { QStringLiteral("password"), password } })
+                   .toJson());
+}
+
+void E2eFixture::writeConfig(const QJsonObject& config)
+{
+    QJsonObject content = config;
+    if (!content.contains(QStringLiteral("android-sdk-path")))
+        content.insert(QStringLiteral("android-sdk-path"), QStringLiteral("/usr/lib/android-sdk"));
+    QFile file(path(QStringLiteral("home/config.json")));
+    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    file.write(QJsonDocument(content).toJson());
+}
+
+QProcessEnvironment E2eFixture::environment() const
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("KB_LOG_TO_STDERR"));
+    env.remove(QStringLiteral("ANDROID_SERIAL"));
+    env.insert(QStringLiteral("KBSAAS_CONFIG_HOME"), path(QStringLiteral("home")));
+    // adb refuses to start a server for an explicit ADB_SERVER_SOCKET; the port variable is
+    // what makes it start its own, on loopback.
+    env.remove(QStringLiteral("ADB_SERVER_SOCKET"));
+    env.insert(QStringLiteral("ANDROID_ADB_SERVER_PORT"), QString::number(m_adbPort));
+    // Keep adb's own state (keys, known devices) out of the user's home.
+    env.insert(QStringLiteral("HOME"), path(QStringLiteral("home")));
+    env.insert(QStringLiteral("ANDROID_USER_HOME"), path(QStringLiteral("home/.android")));
+    if (!m_ready.isEmpty())
+        env.insert(QStringLiteral("KB_PLATFORM_BASE_URL"),
+                   m_ready.value(QStringLiteral("base_url")).toString());
+    env.insert(m_extraEnv);
+    return env;
+}
+
+E2eFixture::Result E2eFixture::run(const QString& program, const QStringList& arguments, int timeoutMs) const
+{
+    QProcess process;
+    process.setProcessEnvironment(environment());
+    process.start(program, arguments);
+    Result result;
+    result.finished = process.waitForFinished(timeoutMs);
+    if (!result.finished) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+    result.exitCode = process.exitCode();
+    result.out = process.readAllStandardOutput();
+    result.err = process.readAllStandardError();
+    return result;
+}
+
+E2eFixture::Result E2eFixture::kbadbtunneld(const QStringList& arguments, int timeoutMs) const
+{
+    return run(QStringLiteral(KBADBTUNNELD_PATH), arguments, timeoutMs);
+}
+
+E2eFixture::Result E2eFixture::adb(const QStringList& arguments, int timeoutMs) const
+{
+    return run(adbPath(), arguments, timeoutMs);
+}
+
+QJsonObject E2eFixture::instance(const QString& uuid) const
+{
+    const QJsonArray instances = kbadbtunneld({ QStringLiteral("getinstances") })
+                                     .json()
+                                     .value(QStringLiteral("instances"))
+                                     .toArray();
+    for (const QJsonValue& value : instances) {
+        if (value.toObject().value(QStringLiteral("uuid")).toString() == uuid)
+            return value.toObject();
+    }
+    return {};
+}
+
+QJsonObject E2eFixture::waitForState(const QString& uuid, const QString& state, int timeoutMs) const
+{
+    QElapsedTimer timer;
+    timer.start();
+    QJsonObject entry;
+    do {
+        entry = instance(uuid);
+        if (entry.value(QStringLiteral("state")).toString() == state)
+            return entry;
+        QThread::msleep(100);
+    } while (timer.elapsed() < timeoutMs);
+    return entry;
+}
+
+QByteArray E2eFixture::log() const
+{
+    QFile file(path(QStringLiteral("home/kbadbtunneld.log")));
+    file.open(QIODevice::ReadOnly);
+    return file.readAll();
+}
+
+namespace {
+
+QByteArray httpCall(const QUrl& url, const QByteArray& verb, const QByteArray& body, int* status)
+{
+    QNetworkAccessManager manager;
+    manager.setProxy(QNetworkProxy::NoProxy);
+    QNetworkRequest request(url);
+    request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
+    QNetworkReply* reply = manager.sendCustomRequest(request, verb, body);
+    QEventLoop loop;
+    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    QTimer::singleShot(10000, &loop, &QEventLoop::quit);
+    loop.exec();
+    *status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    const QByteArray content = reply->readAll();
+    delete reply;
+    return content;
+}
+
+} // namespace
+
+int E2eFixture::admin(const QString& adminPath, const QJsonObject& body) const
+{
+    int status = 0;
+    httpCall(
+        QUrl(m_ready.value(QStringLiteral("base_url")).toString() + QStringLiteral("/_sim/") + adminPath),
+        "POST", QJsonDocument(body).toJson(QJsonDocument::Compact), &status);
+    return status;
+}
+
+QJsonObject E2eFixture::adminGet(const QString& adminPath) const
+{
+    int status = 0;
+    return QJsonDocument::fromJson(httpCall(QUrl(m_ready.value(QStringLiteral("base_url")).toString()
+                                                 + QStringLiteral("/_sim/") + adminPath),
+                                            "GET", {}, &status))
+        .object();
+}
+
+QString E2eFixture::makeFile(const QString& name, qint64 size) const
+{
+    const QString filePath = path(name);
+    QFile file(filePath);
+    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    QRandomGenerator generator(quint32(size) ^ 0x5eed);
+    QByteArray chunk(1 << 20, '\0');
+    for (qint64 written = 0; written < size;) {
+        const qint64 n = qMin<qint64>(chunk.size(), size - written);
+        generator.fillRange(reinterpret_cast<quint32*>(chunk.data()), chunk.size() / 4);
+        file.write(chunk.constData(), n);
+        written += n;
+    }
+    return filePath;
+}
+
+QByteArray E2eFixture::sha256(const QString& file)
+{
+    QFile f(file);
+    if (!f.open(QIODevice::ReadOnly))
+        return {};
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    hash.addData(&f);
+    return hash.result().toHex();
+}

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QProcess>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <memory>
+
+// Everything an end-to-end case needs, built from the real programs: the platform simulator,
+// kbadbtunneld with its own configuration home, and Debian's adb on a server port of its own
+// (never the user's 5037). The destructor stops every process it started.
+class E2eFixture
+{
+public:
+    struct Result
+    {
+        int exitCode = -1;
+        bool finished = false;
+        QByteArray out;
+        QByteArray err;
+        QJsonObject json() const;
+    };
+
+    E2eFixture();
+    ~E2eFixture();
+    E2eFixture(const E2eFixture&) = delete;
+    E2eFixture& operator=(const E2eFixture&) = delete;
+
+    static QString adbPath();
+    static quint16 freePort();
+
+    // Starts kbplatform-sim with `arguments` and reads its ready line; false on failure.
+    bool startSimulator(const QStringList& arguments = {});
+    void stopSimulator();
+    QJsonObject ready() const { return m_ready; }
+    QString instanceUuid(int index = 0) const;
+    quint16 devicePort(int index = 0) const;
+
+    void useApiToken();
+    void useCredentials(const QString& email, const QString& password);
+    void writeConfig(const QJsonObject& config);
+    void setEnv(const QString& name, const QString& value) { m_extraEnv.insert(name, value); }
+    QProcessEnvironment environment() const;
+
+    Result kbadbtunneld(const QStringList& arguments, int timeoutMs = 60000) const;
+    Result adb(const QStringList& arguments, int timeoutMs = 120000) const;
+    Result run(const QString& program, const QStringList& arguments, int timeoutMs) const;
+    // The "getinstances" entry for uuid; empty when the daemon doesn't list it.
+    QJsonObject instance(const QString& uuid) const;
+    // Polls "getinstances" until uuid is in state; returns the last entry seen.
+    QJsonObject waitForState(const QString& uuid, const QString& state, int timeoutMs = 30000) const;
+    QByteArray log() const;
+
+    // POSTs a JSON body to the simulator's admin API under /_sim/; returns the HTTP status.
+    int admin(const QString& path, const QJsonObject& body = {}) const;
+    QJsonObject adminGet(const QString& path) const;
+
+    QString path(const QString& name) const { return m_dir.path() + QLatin1Char('/') + name; }
+    // A file of `size` pseudo-random bytes; returns its path.
+    QString makeFile(const QString& name, qint64 size) const;
+    static QByteArray sha256(const QString& file);
+
+private:
+    QTemporaryDir m_dir;
+    std::unique_ptr<QProcess> m_simulator;
+    QJsonObject m_ready;
+    quint16 m_adbPort = 0;
+    QProcessEnvironment m_extraEnv;
+};

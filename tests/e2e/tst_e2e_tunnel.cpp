@@ -1,0 +1,277 @@
+// A user's view of tunnels: connect, use the device, lose it, get it back, disconnect.
+#include "e2efixture.h"
+
+#include <QJsonDocument>
+#include <QTcpServer>
+#include <QtTest>
+
+namespace {
+
+QString serialOf(const QJsonObject& entry)
+{
+    return entry.value(QStringLiteral("adb_serial")).toString();
+}
+
+} // namespace
+
+class TestE2eTunnel : public QObject
+{
+    Q_OBJECT
+
+private:
+    static void checkShell(const E2eFixture& fixture, const QString& serial)
+    {
+        const E2eFixture::Result result = fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"),
+                                                        QStringLiteral("echo hello; echo $((6*7))") });
+        QCOMPARE(result.exitCode, 0);
+        QCOMPARE(result.out, QByteArray("hello\n42\n"));
+    }
+
+private Q_SLOTS:
+    void connectWithApiToken()
+    {
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator());
+        fixture.useApiToken();
+        const QString uuid = fixture.instanceUuid();
+
+        const E2eFixture::Result connect = fixture.kbadbtunneld({ QStringLiteral("connect"), uuid });
+        QCOMPARE(connect.exitCode, 0);
+        QCOMPARE(connect.json().value(QStringLiteral("running")).toBool(), true);
+
+        const QJsonObject entry = fixture.waitForState(uuid, QStringLiteral("CONNECTED"));
+        QCOMPARE(entry.value(QStringLiteral("state")).toString(), QStringLiteral("CONNECTED"));
+        QVERIFY(serialOf(entry).startsWith(QLatin1String("localhost:")));
+        QVERIFY(serialOf(entry).mid(10).toInt() > 0);
+
+        checkShell(fixture, serialOf(entry));
+        const E2eFixture::Result devices = fixture.adb({ QStringLiteral("devices") });
+        QVERIFY(devices.out.contains(serialOf(entry).toUtf8() + "\tdevice"));
+
+        // The daemon sent what the platform expects: the API token header and our user agent.
+        const QJsonArray requests
+            = fixture.adminGet(QStringLiteral("requests")).value(QStringLiteral("requests")).toArray();
+        QVERIFY(!requests.isEmpty());
+        const QByteArray dump = QJsonDocument(requests).toJson();
+        QVERIFY(dump.contains("x-api-token"));
+        QVERIFY(dump.contains("/v1/instances/access-token"));
+
+        // "connect" again: nothing new is started, the state stays CONNECTED.
+        QCOMPARE(fixture
+                     .kbadbtunneld({ QStringLiteral("connect"), uuid, QStringLiteral("--adb-serial-port"),
+                                     QString::number(E2eFixture::freePort()) })
+                     .exitCode,
+                 0);
+        QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
+                 QStringLiteral("CONNECTED"));
+        QCOMPARE(serialOf(fixture.instance(uuid)), serialOf(entry));
+
+        // "disconnect" detaches the device and forgets the instance.
+        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("disconnect"), uuid }).exitCode, 0);
+        QVERIFY(fixture.instance(uuid).isEmpty());
+        QVERIFY(!fixture.adb({ QStringLiteral("devices") }).out.contains(serialOf(entry).toUtf8()));
+    }
+
+    void connectWithCredentialsAndSessionRefresh()
+    {
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator({ QStringLiteral("--session-ttl-ms"), QStringLiteral("500") }));
+        fixture.useCredentials(fixture.ready().value(QStringLiteral("email")).toString(),
+                               fixture.ready().value(QStringLiteral("password")).toString());
+        const QString uuid = fixture.instanceUuid();
+        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
+        const QJsonObject entry = fixture.waitForState(uuid, QStringLiteral("CONNECTED"));
+        QCOMPARE(entry.value(QStringLiteral("state")).toString(), QStringLiteral("CONNECTED"));
+        checkShell(fixture, serialOf(entry));
+
+        // Force a reconnection after the session has expired: the daemon logs in again.
+        QTest::qWait(700);
+        QCOMPARE(fixture.admin(QStringLiteral("close"), { { QStringLiteral("instance_uuid"), uuid } }), 200);
+        QTRY_VERIFY_WITH_TIMEOUT(fixture.log().count("Tunnel init successfully for device") >= 2, 30000);
+        QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
+                 QStringLiteral("CONNECTED"));
+        const QByteArray requests
+            = QJsonDocument(
+                  fixture.adminGet(QStringLiteral("requests")).value(QStringLiteral("requests")).toArray())
+                  .toJson();
+        QVERIFY(requests.count("/v1/users/login") >= 2);
+        QVERIFY(requests.contains("Bearer "));
+        checkShell(fixture, serialOf(fixture.instance(uuid)));
+    }
+
+    void severalInstancesAtOnce_data()
+    {
+        QTest::addColumn<int>("count");
+        QTest::newRow("2") << 2;
+        QTest::newRow("10") << 10;
+    }
+
+    void severalInstancesAtOnce()
+    {
+        QFETCH(int, count);
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator({ QStringLiteral("--instances"), QString::number(count) }));
+        fixture.useApiToken();
+        for (int i = 0; i < count; ++i)
+            QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), fixture.instanceUuid(i) }).exitCode,
+                     0);
+        QSet<QString> serials;
+        for (int i = 0; i < count; ++i) {
+            const QJsonObject entry
+                = fixture.waitForState(fixture.instanceUuid(i), QStringLiteral("CONNECTED"), 60000);
+            QCOMPARE(entry.value(QStringLiteral("state")).toString(), QStringLiteral("CONNECTED"));
+            serials.insert(serialOf(entry));
+        }
+        QCOMPARE(serials.size(), count);
+        for (const QString& serial : std::as_const(serials)) {
+            const E2eFixture::Result result
+                = fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"),
+                                QStringLiteral("getprop ro.product.model") });
+            QCOMPARE(result.exitCode, 0);
+            QVERIFY(!result.out.trimmed().isEmpty());
+        }
+    }
+
+    void requestedPortAndBusyPort()
+    {
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator({ QStringLiteral("--instances"), QStringLiteral("2") }));
+        fixture.useApiToken();
+
+        const quint16 port = E2eFixture::freePort();
+        QCOMPARE(fixture
+                     .kbadbtunneld({ QStringLiteral("connect"), fixture.instanceUuid(0),
+                                     QStringLiteral("--adb-serial-port"), QString::number(port) })
+                     .exitCode,
+                 0);
+        const QJsonObject entry = fixture.waitForState(fixture.instanceUuid(0), QStringLiteral("CONNECTED"));
+        QCOMPARE(serialOf(entry), QStringLiteral("localhost:%1").arg(port));
+
+        // Someone else holds the port asked for the second instance.
+        QTcpServer squatter;
+        QVERIFY(squatter.listen(QHostAddress::Any, 0));
+        QCOMPARE(
+            fixture
+                .kbadbtunneld({ QStringLiteral("connect"), fixture.instanceUuid(1),
+                                QStringLiteral("--adb-serial-port"), QString::number(squatter.serverPort()) })
+                .exitCode,
+            0);
+        const QJsonObject busy = fixture.waitForState(fixture.instanceUuid(1), QStringLiteral("PORT_BUSY"));
+        QCOMPARE(busy.value(QStringLiteral("state")).toString(), QStringLiteral("PORT_BUSY"));
+        QCOMPARE(serialOf(busy), QString());
+        QCOMPARE(fixture.log().count("[UUID:" + fixture.instanceUuid(1).toUtf8()
+                                     + "] Attempting to create tunnel."),
+                 1);
+        // The first tunnel is untouched.
+        checkShell(fixture, serialOf(entry));
+    }
+
+    void refusedAuthenticationFailsAtOnce_data()
+    {
+        QTest::addColumn<QString>("how");
+        QTest::newRow("bad api token") << "token";
+        QTest::newRow("json refusal on the websocket") << "json";
+        QTest::newRow("websocket closed with 1008") << "close";
+        QTest::newRow("unknown instance") << "unknown";
+    }
+
+    void refusedAuthenticationFailsAtOnce()
+    {
+        QFETCH(QString, how);
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator());
+        QString uuid = fixture.instanceUuid();
+        if (how == QLatin1String("token")) {
+            QFile auth(fixture.path(QStringLiteral("home/auth.json")));
+            QVERIFY(auth.open(QIODevice::WriteOnly));
+            auth.write("{\"api_token\": \"wrong\"}");
+        } else {
+            fixture.useApiToken();
+        }
+        if (how == QLatin1String("json") || how == QLatin1String("close")) {
+            QCOMPARE(fixture.admin(QStringLiteral("refuse-auth"),
+                                   { { QStringLiteral("mode"), how }, { QStringLiteral("count"), 5 } }),
+                     200);
+        }
+        if (how == QLatin1String("unknown"))
+            uuid = QStringLiteral("00000000-0000-0000-0000-000000000000");
+
+        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
+        const QJsonObject entry = fixture.waitForState(uuid, QStringLiteral("FAILED"));
+        QCOMPARE(entry.value(QStringLiteral("state")).toString(), QStringLiteral("FAILED"));
+        QCOMPARE(serialOf(entry), QString());
+        const QByteArray log = fixture.log();
+        QVERIFY(log.contains("Authentication error: "));
+        QVERIFY(log.contains("adb tunnel will not restart for device"));
+        QCOMPARE(log.count("Attempting to create tunnel."), 1);
+    }
+
+    void platformDropsTheWebSocket()
+    {
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator());
+        fixture.useApiToken();
+        const QString uuid = fixture.instanceUuid();
+        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
+        const QString serial = serialOf(fixture.waitForState(uuid, QStringLiteral("CONNECTED")));
+        QVERIFY(!serial.isEmpty());
+
+        // Drop it in the middle of a push: that push may fail, the tunnel comes back by itself.
+        const QString file = fixture.makeFile(QStringLiteral("drop.bin"), 8 << 20);
+        QCOMPARE(fixture.admin(QStringLiteral("close"),
+                               { { QStringLiteral("instance_uuid"), uuid },
+                                 { QStringLiteral("after_bytes"), 2 << 20 } }),
+                 200);
+        fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("push"), file,
+                      QStringLiteral("/data/local/tmp/drop.bin") });
+        QTRY_VERIFY_WITH_TIMEOUT(fixture.log().count("Tunnel init successfully for device") >= 2, 30000);
+        QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
+                 QStringLiteral("CONNECTED"));
+        QCOMPARE(serialOf(fixture.instance(uuid)), serial); // the restart reuses the port
+
+        QTRY_VERIFY_WITH_TIMEOUT(
+            fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("get-state") }).out.trimmed()
+                == "device",
+            30000);
+        const E2eFixture::Result push = fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("push"),
+                                                      file, QStringLiteral("/data/local/tmp/again.bin") });
+        QCOMPARE(push.exitCode, 0);
+        QCOMPARE(E2eFixture::sha256(fixture.path(QStringLiteral("sandbox")) + QStringLiteral("/") + uuid
+                                    + QStringLiteral("/data/local/tmp/again.bin")),
+                 E2eFixture::sha256(file));
+    }
+
+    void platformGoneForGood()
+    {
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator());
+        fixture.useApiToken();
+        const QString uuid = fixture.instanceUuid();
+        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
+        QCOMPARE(
+            fixture.waitForState(uuid, QStringLiteral("CONNECTED")).value(QStringLiteral("state")).toString(),
+            QStringLiteral("CONNECTED"));
+        fixture.stopSimulator();
+        const QJsonObject entry = fixture.waitForState(uuid, QStringLiteral("FAILED"), 120000);
+        QCOMPARE(entry.value(QStringLiteral("state")).toString(), QStringLiteral("FAILED"));
+        // The daemon itself keeps serving.
+        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("getdaemoninfo") }).exitCode, 0);
+    }
+
+    void stopLeavesNoStaleDevice()
+    {
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator());
+        fixture.useApiToken();
+        const QString uuid = fixture.instanceUuid();
+        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
+        const QString serial = serialOf(fixture.waitForState(uuid, QStringLiteral("CONNECTED")));
+        QVERIFY(fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8()));
+        const E2eFixture::Result stop = fixture.kbadbtunneld({ QStringLiteral("stop") });
+        QCOMPARE(stop.json().value(QStringLiteral("running")).toBool(true), false);
+        QVERIFY(!fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8()));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestE2eTunnel)
+#include "tst_e2e_tunnel.moc"
