@@ -128,11 +128,21 @@ bool PlatformSimulator::start(QString* error)
     return true;
 }
 
+QString PlatformSimulator::advertisedHost() const
+{
+    // Listening on every address: clients reach it through loopback.
+    if (m_config.listenHost == QLatin1String("0.0.0.0"))
+        return QStringLiteral("127.0.0.1");
+    if (m_config.listenHost == QLatin1String("::"))
+        return QStringLiteral("::1");
+    return m_config.listenHost;
+}
+
 QString PlatformSimulator::baseUrl() const
 {
     QUrl url;
     url.setScheme(m_tls ? QStringLiteral("https") : QStringLiteral("http"));
-    url.setHost(m_config.listenHost);
+    url.setHost(advertisedHost());
     url.setPort(m_port);
     return url.toString();
 }
@@ -141,7 +151,7 @@ QString PlatformSimulator::adbUrl(const SimInstance* instance) const
 {
     QUrl url;
     url.setScheme(m_tls ? QStringLiteral("wss") : QStringLiteral("ws"));
-    url.setHost(m_config.listenHost);
+    url.setHost(advertisedHost());
     url.setPort(m_port);
     url.setPath(QStringLiteral("/v1/instances/%1/adb").arg(instance->uuid()));
     return url.toString();

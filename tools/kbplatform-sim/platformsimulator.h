@@ -52,6 +52,8 @@ private Q_SLOTS:
     void onNewWebSocketConnection();
 
 private:
+    QString advertisedHost() const;
+
     SimConfig m_config;
     bool m_tls = false;
     quint16 m_port = 0;
