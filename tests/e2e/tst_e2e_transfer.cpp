@@ -16,13 +16,10 @@ private Q_SLOTS:
         QTest::addColumn<int>("rttMs");
         QTest::addColumn<QList<qint64>>("sizes");
         const QList<qint64> all { 0, 1024, 10 << 20, 100 << 20 };
-        // At version 1 every write waits for the device's answer, so with a 50 ms round trip
-        // 100 MiB would take minutes; the benchmarks measure that, the tests check the bytes.
-        const QList<qint64> small { 1024, 10 << 20 };
         QTest::newRow("v2, no delay") << 2 << 0 << all;
         QTest::newRow("v1, no delay") << 1 << 0 << all;
-        QTest::newRow("v2, 50 ms") << 2 << 50 << small;
-        QTest::newRow("v1, 50 ms") << 1 << 50 << small;
+        QTest::newRow("v2, 50 ms") << 2 << 50 << all;
+        QTest::newRow("v1, 50 ms") << 1 << 50 << all;
     }
 
     void pushAndPull()
@@ -60,9 +57,9 @@ private Q_SLOTS:
         }
 
         const E2eFixture::Result listing = fixture.adb(
-            { QStringLiteral("-s"), serial, QStringLiteral("shell"), QStringLiteral("ls /data/local/tmp") });
+            { QStringLiteral("-s"), serial, QStringLiteral("ls"), QStringLiteral("/data/local/tmp") });
         QCOMPARE(listing.exitCode, 0);
-        QCOMPARE(listing.out.count("file-"), sizes.size());
+        QVERIFY2(listing.out.count("file-") == sizes.size(), (listing.out + listing.err).constData());
     }
 };
 
