@@ -58,7 +58,6 @@ private Q_SLOTS:
     void releasedWhileWaitingStaysSilent();
     void disconnectFromAdb_data();
     void disconnectFromAdb();
-    void install_data();
     void install();
     void pullAsync_data();
     void pullAsync();
@@ -66,7 +65,6 @@ private Q_SLOTS:
     void isAvailable_data();
     void isAvailable();
 
-    void realAdbUnknownSerial();
     void realAdbConnectToClosedPort();
     void realAdbAcceptsArguments_data();
     void realAdbAcceptsArguments();
@@ -154,107 +152,67 @@ void tst_AdbClient::requireRealAdb()
 void tst_AdbClient::getState_data()
 {
     QTest::addColumn<QString>("kind");
-    QTest::addColumn<QByteArray>("out");
-    QTest::addColumn<QByteArray>("err");
-    QTest::addColumn<int>("exitCode");
     QTest::addColumn<AdbClient::DeviceState>("expected");
-    QTest::addColumn<QtMsgType>("logType");
-    QTest::addColumn<QString>("logPattern");
+    QTest::addColumn<QString>("warning");
 
-    const QString script = QStringLiteral("script");
-    QTest::newRow("device") << script << QByteArrayLiteral("device\r\n") << QByteArray() << 0
-                            << AdbClient::CONNECTED << QtDebugMsg
-                            << QStringLiteral("^\\[adb\\]\\[get-state\\] device found$");
-    QTest::newRow("not found") << script << QByteArray()
-                               << QByteArrayLiteral("error: device '127.0.0.1:5555' not found\n") << 1
-                               << AdbClient::DISCONNECTED << QtDebugMsg
-                               << QStringLiteral(
-                                      "^\\[adb\\]\\[get-state\\] device not found yet on 127.0.0.1:5555$");
-    QTest::newRow("connecting") << script << QByteArray()
-                                << QByteArrayLiteral("error: device still connecting\n") << 1
-                                << AdbClient::CONNECTING << QtDebugMsg
-                                << QStringLiteral("^\\[adb\\]\\[get-state\\] device connecting$");
-    QTest::newRow("other error") << script << QByteArrayLiteral("partial")
-                                 << QByteArrayLiteral("error: closed\n") << 1 << AdbClient::DISCONNECTED
-                                 << QtWarningMsg
-                                 << QStringLiteral(
-                                        "^\\[adb\\]\\[get-state\\] error for 127.0.0.1:5555\nstdout:\n"
-                                        "partial\nstderr:\nerror: closed$");
-    QTest::newRow("garbage with exit 0")
-        << script << QByteArrayLiteral("\x01\xff\xfe") << QByteArray() << 0 << AdbClient::DISCONNECTED
-        << QtWarningMsg << QStringLiteral("^\\[adb\\]\\[get-state\\] exit 0 with unrecognized output");
-    QTest::newRow("crash") << QStringLiteral("crash") << QByteArrayLiteral("device") << QByteArray() << 0
-                           << AdbClient::DISCONNECTED << QtWarningMsg
-                           << QStringLiteral("^\\[adb\\]\\[get-state\\] error for");
+    QTest::newRow("device") << QStringLiteral("script") << AdbClient::CONNECTED << QString();
+    QTest::newRow("crash after printing device")
+        << QStringLiteral("crash") << AdbClient::DISCONNECTED
+        << QStringLiteral("^\\[adb\\]\\[get-state\\] error for 127.0.0.1:5555");
     for (const char* kind : { "missing", "not executable", "empty path" })
-        QTest::newRow(kind) << QString::fromLatin1(kind) << QByteArray() << QByteArray() << 0
-                            << AdbClient::DISCONNECTED << QtWarningMsg
+        QTest::newRow(kind) << QString::fromLatin1(kind) << AdbClient::DISCONNECTED
                             << QStringLiteral("^\\[adb\\]\\[get-state\\] can't run");
 }
-
 void tst_AdbClient::getState()
 {
     QFETCH(QString, kind);
-    QFETCH(QByteArray, out);
-    QFETCH(QByteArray, err);
-    QFETCH(int, exitCode);
     QFETCH(AdbClient::DeviceState, expected);
-    QFETCH(QtMsgType, logType);
-    QFETCH(QString, logPattern);
+    QFETCH(QString, warning);
 
-    m_adb->setResult(QStringLiteral("get-state"), out, err, exitCode);
+    m_adb->setResult(QStringLiteral("get-state"), QByteArrayLiteral("device\r\n"));
     if (kind == QLatin1String("crash"))
         m_adb->setCrash(QStringLiteral("get-state"));
     useAdb(kind);
     AdbClient client(SERIAL);
-
-    QTest::ignoreMessage(logType, QRegularExpression(logPattern));
+    if (!warning.isEmpty())
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(warning));
     QCOMPARE(client.getState(), expected);
-    if (kind == QLatin1String("script") || kind == QLatin1String("crash"))
-        QCOMPARE(m_adb->calls(), QStringList { QStringLiteral("-s 127.0.0.1:5555 get-state") });
-    else
-        QVERIFY(m_adb->calls().isEmpty());
+    const bool ran = kind == QLatin1String("script") || kind == QLatin1String("crash");
+    QCOMPARE(m_adb->calls(),
+             ran ? QStringList { QStringLiteral("-s 127.0.0.1:5555 get-state") } : QStringList());
 }
-
 void tst_AdbClient::connectToAdb_data()
 {
     QTest::addColumn<QString>("kind");
     QTest::addColumn<QByteArray>("stateOut");
-    QTest::addColumn<int>("connectExit");
     QTest::addColumn<bool>("success");
     QTest::addColumn<int>("connectRuns");
-    QTest::addColumn<QtMsgType>("logType");
-    QTest::addColumn<QString>("logPattern");
+    QTest::addColumn<QString>("log");
 
     QTest::newRow("already connected")
-        << QStringLiteral("script") << QByteArrayLiteral("device\n") << 0 << true << 0 << QtDebugMsg
+        << QStringLiteral("script") << QByteArrayLiteral("device\n") << true << 0
         << QStringLiteral("^\\[adb\\]\\[connect\\] 127.0.0.1:5555 : already connected$");
-    QTest::newRow("connect fails") << QStringLiteral("script") << QByteArray() << 1 << false << 1
-                                   << QtCriticalMsg
+    QTest::newRow("connect fails") << QStringLiteral("script") << QByteArray() << false << 1
                                    << QStringLiteral(
                                           "^\\[adb\\]\\[connect\\] 127.0.0.1:5555 : unable to connect:.*"
                                           "failed to authenticate");
-    QTest::newRow("connect crashes") << QStringLiteral("crash") << QByteArray() << 0 << false << 1
-                                     << QtCriticalMsg << QStringLiteral("unable to connect");
-    for (const char* kind : { "missing", "not executable", "empty path" })
-        QTest::newRow(kind) << QString::fromLatin1(kind) << QByteArray() << 0 << false << 0 << QtCriticalMsg
-                            << QStringLiteral("^\\[adb\\]\\[connect\\] can't run");
+    QTest::newRow("connect crashes") << QStringLiteral("crash") << QByteArray() << false << 1
+                                     << QStringLiteral("unable to connect");
+    QTest::newRow("missing adb") << QStringLiteral("missing") << QByteArray() << false << 0
+                                 << QStringLiteral("^\\[adb\\]\\[connect\\] can't run");
 }
-
 void tst_AdbClient::connectToAdb()
 {
     QFETCH(QString, kind);
     QFETCH(QByteArray, stateOut);
-    QFETCH(int, connectExit);
     QFETCH(bool, success);
     QFETCH(int, connectRuns);
-    QFETCH(QtMsgType, logType);
-    QFETCH(QString, logPattern);
+    QFETCH(QString, log);
 
     m_adb->setResult(QStringLiteral("get-state"), stateOut, QByteArrayLiteral("error: device not found"),
                      stateOut.isEmpty() ? 1 : 0);
     m_adb->setResult(QStringLiteral("connect"), QByteArrayLiteral("failed to authenticate to 127.0.0.1:5555"),
-                     QByteArray(), connectExit);
+                     QByteArray(), 1);
     if (kind == QLatin1String("crash"))
         m_adb->setCrash(QStringLiteral("connect"));
     useAdb(kind);
@@ -262,15 +220,12 @@ void tst_AdbClient::connectToAdb()
     QSignalSpy successSpy(&client, &AdbClient::connectSuccess);
     QSignalSpy errorSpy(&client, &AdbClient::connectError);
 
-    QTest::ignoreMessage(logType, QRegularExpression(logPattern));
+    QTest::ignoreMessage(success ? QtDebugMsg : QtCriticalMsg, QRegularExpression(log));
     client.connectToAdb();
     QCOMPARE(successSpy.count(), success ? 1 : 0);
     QCOMPARE(errorSpy.count(), success ? 0 : 1);
-    QCOMPARE(m_adb->countCalls(QStringLiteral("connect")), connectRuns);
-    if (connectRuns)
-        QVERIFY(m_adb->calls().contains(QStringLiteral("connect 127.0.0.1:5555")));
+    QCOMPARE(m_adb->calls().count(QStringLiteral("connect 127.0.0.1:5555")), connectRuns);
 }
-
 void tst_AdbClient::connectSucceedsEvenIfDeviceNeverUsable()
 {
     m_adb->setResult(QStringLiteral("get-state"), QByteArray(), QByteArrayLiteral("error: device not found"),
@@ -331,81 +286,43 @@ void tst_AdbClient::releasedWhileWaitingStaysSilent()
 void tst_AdbClient::disconnectFromAdb_data()
 {
     QTest::addColumn<QByteArray>("stateOut");
-    QTest::addColumn<int>("disconnectExit");
     QTest::addColumn<QStringList>("expectedCalls");
 
     const QString getState = QStringLiteral("-s 127.0.0.1:5555 get-state");
-    const QString disconnect = QStringLiteral("disconnect 127.0.0.1:5555");
-    QTest::newRow("connected") << QByteArrayLiteral("device") << 0 << QStringList { getState, disconnect };
-    QTest::newRow("not connected runs nothing") << QByteArray() << 0 << QStringList { getState };
-    QTest::newRow("disconnect fails")
-        << QByteArrayLiteral("device") << 1 << QStringList { getState, disconnect };
+    QTest::newRow("connected") << QByteArrayLiteral("device")
+                               << QStringList { getState, QStringLiteral("disconnect 127.0.0.1:5555") };
+    QTest::newRow("not connected runs nothing") << QByteArray() << QStringList { getState };
 }
-
 void tst_AdbClient::disconnectFromAdb()
 {
     QFETCH(QByteArray, stateOut);
-    QFETCH(int, disconnectExit);
     QFETCH(QStringList, expectedCalls);
 
     m_adb->setResult(QStringLiteral("get-state"), stateOut, QByteArrayLiteral("error: device not found"),
                      stateOut.isEmpty() ? 1 : 0);
-    m_adb->setResult(QStringLiteral("disconnect"), QByteArray(), QByteArrayLiteral("error: no such device"),
-                     disconnectExit);
-    if (disconnectExit)
-        QTest::ignoreMessage(
-            QtWarningMsg, "[adb][disconnect] 127.0.0.1:5555 : unable to disconnect: error: no such device");
     AdbClient client(SERIAL);
     client.disconnectFromAdb();
     QCOMPARE(m_adb->calls(), expectedCalls);
 }
-
-void tst_AdbClient::install_data()
-{
-    QTest::addColumn<bool>("replace");
-    QTest::addColumn<QByteArray>("out");
-    QTest::addColumn<int>("exitCode");
-    QTest::addColumn<bool>("expected");
-    QTest::addColumn<AdbClient::Error>("error");
-
-    QTest::newRow("success, replacing")
-        << true << QByteArrayLiteral("Performing Streamed Install\r\nSuccess\r\n") << 0 << true
-        << AdbClient::UNKNOWN;
-    QTest::newRow("no matching abis")
-        << false
-        << QByteArrayLiteral(
-               "Performing Streamed Install\nadb: failed to install /tmp/a.apk: Failure "
-               "[INSTALL_FAILED_NO_MATCHING_ABIS: Failed to extract native libraries, res=-113]\n")
-        << 1 << false << AdbClient::NO_MATCHING_ABIS;
-    QTest::newRow("failure with exit 0")
-        << false
-        << QByteArrayLiteral("Failure [INSTALL_FAILED_UPDATE_INCOMPATIBLE: Package "
-                             "com.x signatures do not match]\n")
-        << 0 << false << AdbClient::INSTALL_FAILED_UPDATE_INCOMPATIBLE;
-    QTest::newRow("already exists") << false << QByteArrayLiteral("Failure [INSTALL_FAILED_ALREADY_EXISTS]\n")
-                                    << 1 << false << AdbClient::UNKNOWN;
-}
-
 void tst_AdbClient::install()
 {
-    QFETCH(bool, replace);
-    QFETCH(QByteArray, out);
-    QFETCH(int, exitCode);
-    QFETCH(bool, expected);
-    QFETCH(AdbClient::Error, error);
-
-    m_adb->setResult(QStringLiteral("install"), out, QByteArray(), exitCode);
     AdbClient client(SERIAL);
-    if (!expected)
-        QTest::ignoreMessage(QtWarningMsg,
-                             QRegularExpression(QStringLiteral("unable to install file: /tmp/a.apk")));
-    QCOMPARE(client.install(QStringLiteral("/tmp/a.apk"), replace), expected);
-    QCOMPARE(client.error(), error);
-    QCOMPARE(m_adb->calls(),
-             QStringList { replace ? QStringLiteral("-s 127.0.0.1:5555 install -r /tmp/a.apk")
-                                   : QStringLiteral("-s 127.0.0.1:5555 install /tmp/a.apk") });
-}
+    m_adb->setResult(QStringLiteral("install"),
+                     QByteArrayLiteral("Performing Streamed Install\r\nSuccess\r\n"));
+    QVERIFY(client.install(QStringLiteral("/tmp/a.apk"), true));
 
+    // Some adb versions exit with 0 after a failed install: the output decides.
+    m_adb->setResult(
+        QStringLiteral("install"),
+        QByteArrayLiteral("Failure [INSTALL_FAILED_UPDATE_INCOMPATIBLE: signatures do not match]\n"));
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression(QStringLiteral("unable to install file: /tmp/a.apk")));
+    QVERIFY(!client.install(QStringLiteral("/tmp/a.apk"), false));
+    QCOMPARE(client.error(), AdbClient::INSTALL_FAILED_UPDATE_INCOMPATIBLE);
+    QCOMPARE(m_adb->calls(),
+             (QStringList { QStringLiteral("-s 127.0.0.1:5555 install -r /tmp/a.apk"),
+                            QStringLiteral("-s 127.0.0.1:5555 install /tmp/a.apk") }));
+}
 void tst_AdbClient::pullAsync_data()
 {
     QTest::addColumn<QString>("kind");
@@ -420,7 +337,6 @@ void tst_AdbClient::pullAsync_data()
         << QByteArrayLiteral("[  0%] /sdcard/a.bin\r[ 42%] /sdcard/a.bin\r[100%] /sdcard/a.bin\n"
                              "/sdcard/a.bin: 1 file pulled, 0 skipped. 3.1 MB/s (4096 bytes in 0.001s)\n")
         << 0 << 100 << 0;
-    QTest::newRow("silent success ends at 100") << script << QByteArray() << 0 << 100 << 0;
     QTest::newRow("failure after progress")
         << script
         << QByteArrayLiteral("[ 10%] /sdcard/a.bin\radb: error: failed to copy: No such file or directory\n")
@@ -501,15 +417,10 @@ void tst_AdbClient::isAvailable_data()
     QTest::addColumn<bool>("expected");
 
     QTest::newRow("ipv4 and port") << QStringLiteral("127.0.0.1:5555") << true << true;
-    QTest::newRow("ipv6 and port") << QStringLiteral("::1:5555") << true << true;
     QTest::newRow("host name") << QStringLiteral("localhost:5555") << true << false;
     QTest::newRow("port too large") << QStringLiteral("127.0.0.1:65536") << true << false;
-    QTest::newRow("port not a number") << QStringLiteral("127.0.0.1:adb") << true << false;
-    QTest::newRow("no port") << QStringLiteral("127.0.0.1") << true << false;
-    QTest::newRow("usb serial") << QStringLiteral("R58M12ABCDE") << true << false;
     QTest::newRow("adb not found") << QStringLiteral("127.0.0.1:5555") << false << false;
 }
-
 void tst_AdbClient::isAvailable()
 {
     QFETCH(QString, serial);
@@ -520,20 +431,16 @@ void tst_AdbClient::isAvailable()
     QCOMPARE(AdbClient(serial).isAvailable(), expected);
 }
 
-void tst_AdbClient::realAdbUnknownSerial()
-{
-    requireRealAdb();
-    AdbClient client(QStringLiteral("127.0.0.1:1"));
-    QTest::ignoreMessage(QtDebugMsg, "[adb][get-state] device not found yet on 127.0.0.1:1");
-    QCOMPARE(client.getState(), AdbClient::DISCONNECTED);
-}
-
 void tst_AdbClient::realAdbConnectToClosedPort()
 {
     requireRealAdb();
-    // adb connect reports a refused connection but exits with 0, so the wait decides nothing and
-    // the connection is reported as made.
     AdbClient client(QStringLiteral("127.0.0.1:%1").arg(freeLoopbackPort()));
+    QTest::ignoreMessage(QtDebugMsg,
+                         QRegularExpression(QStringLiteral("device not found yet on 127.0.0.1:")));
+    QCOMPARE(client.getState(), AdbClient::DISCONNECTED);
+
+    // adb connect reports the refused connection but exits with 0, so after the wait the connection
+    // is reported as made.
     QSignalSpy successSpy(&client, &AdbClient::connectSuccess);
     QSignalSpy errorSpy(&client, &AdbClient::connectError);
     QTest::ignoreMessage(QtWarningMsg, "Max attempts reached to get the device connected");
@@ -542,7 +449,6 @@ void tst_AdbClient::realAdbConnectToClosedPort()
     QCOMPARE(errorSpy.count(), 0);
     QVERIFY(!client.isConnected());
 }
-
 void tst_AdbClient::realAdbAcceptsArguments_data()
 {
     QTest::addColumn<AdbCommand>("command");

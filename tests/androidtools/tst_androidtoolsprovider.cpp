@@ -11,116 +11,91 @@ class tst_AndroidToolsProvider : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void adbSearchOrder_data();
-    void adbSearchOrder();
-    void aaptSearchOrder_data();
-    void aaptSearchOrder();
+    void searchOrder_data();
+    void searchOrder();
     void cachedPathSearchedAgainOnceGone();
     void emptySdkPathWarnsOnEveryCall();
 
 private:
-    static void touch(const QString& sdk, const QString& relativePath)
+    static bool touch(const QString& sdk, const QString& relativePath)
     {
         const QString path = sdk + QLatin1Char('/') + relativePath;
         QDir().mkpath(QFileInfo(path).absolutePath());
         QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
+        return file.open(QIODevice::WriteOnly);
     }
 };
 
-void tst_AndroidToolsProvider::adbSearchOrder_data()
+void tst_AndroidToolsProvider::searchOrder_data()
 {
+    QTest::addColumn<bool>("aapt");
     QTest::addColumn<QStringList>("files");
     QTest::addColumn<QString>("expected");
 
-    QTest::newRow("platform-tools before tools and root")
+    QTest::newRow("adb: platform-tools before tools and root")
+        << false
         << QStringList { QStringLiteral("adb"), QStringLiteral("tools/adb"),
                          QStringLiteral("platform-tools/adb") }
         << QStringLiteral("platform-tools/adb");
-    QTest::newRow("tools before root")
-        << QStringList { QStringLiteral("adb"), QStringLiteral("tools/adb") } << QStringLiteral("tools/adb");
-    QTest::newRow("sdk root") << QStringList { QStringLiteral("adb") } << QStringLiteral("adb");
-    QTest::newRow("elsewhere in the sdk is not searched")
-        << QStringList { QStringLiteral("build-tools/30.0.3/adb"), QStringLiteral("platform-tools/aapt") }
-        << QString();
-}
-
-void tst_AndroidToolsProvider::adbSearchOrder()
-{
-    QFETCH(QStringList, files);
-    QFETCH(QString, expected);
-    QTemporaryDir sdk;
-    for (const QString& file : files)
-        touch(sdk.path(), file);
-
-    if (expected.isEmpty())
-        QTest::ignoreMessage(QtWarningMsg,
-                             QRegularExpression(QStringLiteral("^ADB not found:.*platform-tools")));
-    KbsaasAndroidToolsProvider provider(sdk.path());
-    QCOMPARE(provider.getAdbPath(),
-             expected.isEmpty() ? QString() : sdk.path() + QLatin1Char('/') + expected);
-}
-
-void tst_AndroidToolsProvider::aaptSearchOrder_data()
-{
-    QTest::addColumn<QStringList>("files");
-    QTest::addColumn<QString>("expected");
-
-    QTest::newRow("build-tools by reversed string order, not by version")
+    QTest::newRow("adb: tools before root")
+        << false << QStringList { QStringLiteral("adb"), QStringLiteral("tools/adb") }
+        << QStringLiteral("tools/adb");
+    QTest::newRow("adb: only those three places")
+        << false << QStringList { QStringLiteral("build-tools/30.0.3/adb") } << QString();
+    QTest::newRow("aapt: build-tools by reversed string order, not by version")
+        << true
         << QStringList { QStringLiteral("build-tools/30.0.3/aapt"), QStringLiteral("build-tools/9.0.0/aapt"),
                          QStringLiteral("platform-tools/aapt") }
         << QStringLiteral("build-tools/9.0.0/aapt");
-    QTest::newRow("build-tools before platform-tools")
-        << QStringList { QStringLiteral("build-tools/29.0.2/aapt"), QStringLiteral("platform-tools/aapt") }
-        << QStringLiteral("build-tools/29.0.2/aapt");
-    QTest::newRow("platform-tools before platforms")
+    QTest::newRow("aapt: platform-tools before platforms")
+        << true
         << QStringList { QStringLiteral("platform-tools/aapt"),
                          QStringLiteral("platforms/android-30/tools/aapt") }
         << QStringLiteral("platform-tools/aapt");
-    QTest::newRow("platforms by reversed string order")
+    QTest::newRow("aapt: platforms by reversed string order")
+        << true
         << QStringList { QStringLiteral("platforms/android-10/tools/aapt"),
-                         QStringLiteral("platforms/android-9/tools/aapt"),
-                         QStringLiteral("build-tools/30.0.3/zipalign") }
+                         QStringLiteral("platforms/android-9/tools/aapt") }
         << QStringLiteral("platforms/android-9/tools/aapt");
-    QTest::newRow("none") << QStringList { QStringLiteral("platform-tools/adb") } << QString();
+    QTest::newRow("aapt: none") << true << QStringList { QStringLiteral("build-tools/30.0.3/zipalign") }
+                                << QString();
 }
 
-void tst_AndroidToolsProvider::aaptSearchOrder()
+void tst_AndroidToolsProvider::searchOrder()
 {
+    QFETCH(bool, aapt);
     QFETCH(QStringList, files);
     QFETCH(QString, expected);
     QTemporaryDir sdk;
     for (const QString& file : files)
-        touch(sdk.path(), file);
+        QVERIFY(touch(sdk.path(), file));
 
     if (expected.isEmpty())
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^SDK AAPT not found in")));
+        QTest::ignoreMessage(
+            QtWarningMsg,
+            QRegularExpression(aapt ? QStringLiteral("^SDK AAPT not found in .*/platform-tools")
+                                    : QStringLiteral("^ADB not found: .*/platform-tools")));
     KbsaasAndroidToolsProvider provider(sdk.path());
-    QCOMPARE(provider.getAaptPath(),
-             expected.isEmpty() ? QString() : sdk.path() + QLatin1Char('/') + expected);
+    const QString found = aapt ? provider.getAaptPath() : provider.getAdbPath();
+    QCOMPARE(found, expected.isEmpty() ? QString() : sdk.path() + QLatin1Char('/') + expected);
 }
 
 void tst_AndroidToolsProvider::cachedPathSearchedAgainOnceGone()
 {
     QTemporaryDir sdk;
-    touch(sdk.path(), QStringLiteral("tools/adb"));
-    touch(sdk.path(), QStringLiteral("build-tools/1.0/aapt"));
+    const QString tools = sdk.path() + QLatin1String("/tools/adb");
+    const QString platformTools = sdk.path() + QLatin1String("/platform-tools/adb");
+    QVERIFY(touch(sdk.path(), QStringLiteral("tools/adb")));
     KbsaasAndroidToolsProvider provider(sdk.path());
-    QCOMPARE(provider.getAdbPath(), sdk.path() + QLatin1String("/tools/adb"));
-    QCOMPARE(provider.getAaptPath(), sdk.path() + QLatin1String("/build-tools/1.0/aapt"));
+    QCOMPARE(provider.getAdbPath(), tools);
 
-    // A better candidate appearing does not matter while the cached file exists.
-    touch(sdk.path(), QStringLiteral("platform-tools/adb"));
-    touch(sdk.path(), QStringLiteral("build-tools/2.0/aapt"));
-    QCOMPARE(provider.getAdbPath(), sdk.path() + QLatin1String("/tools/adb"));
-    QCOMPARE(provider.getAaptPath(), sdk.path() + QLatin1String("/build-tools/1.0/aapt"));
+    // A better candidate does not matter while the cached file exists.
+    QVERIFY(touch(sdk.path(), QStringLiteral("platform-tools/adb")));
+    QCOMPARE(provider.getAdbPath(), tools);
 
-    QVERIFY(QFile::remove(sdk.path() + QLatin1String("/tools/adb")));
-    QVERIFY(QFile::remove(sdk.path() + QLatin1String("/build-tools/1.0/aapt")));
-    QCOMPARE(provider.getAdbPath(), sdk.path() + QLatin1String("/platform-tools/adb"));
-    QCOMPARE(provider.getAaptPath(), sdk.path() + QLatin1String("/build-tools/2.0/aapt"));
-
-    QVERIFY(QFile::remove(sdk.path() + QLatin1String("/platform-tools/adb")));
+    QVERIFY(QFile::remove(tools));
+    QCOMPARE(provider.getAdbPath(), platformTools);
+    QVERIFY(QFile::remove(platformTools));
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^ADB not found:")));
     QCOMPARE(provider.getAdbPath(), QString());
 }
