@@ -101,7 +101,7 @@ public:
         env.remove(QStringLiteral("ANDROID_SERIAL"));
         env.insert(QStringLiteral("ADB_SERVER_SOCKET"), QStringLiteral("tcp:127.0.0.1:%1").arg(m_port));
         process.setProcessEnvironment(env);
-        // -P makes the server spec local, so that adb may start it; the variable pins the address.
+        // With -P adb treats the server as local and may start it; the variable pins the address.
         process.start(QStringLiteral(KB_ADB_PATH),
                       QStringList { QStringLiteral("-P"), QString::number(m_port) } + arguments);
         AdbResult result;
