@@ -127,8 +127,13 @@ kbadbtunneld getdaemoninfo | grep -q '"running": false' || die "the daemon is st
 
 step "apt-get remove kbadbtunneld"
 $sudo env DEBIAN_FRONTEND=noninteractive apt-get remove -y -q kbadbtunneld
-step "apt-get purge kbadbtunneld"
-$sudo env DEBIAN_FRONTEND=noninteractive apt-get purge -y -q kbadbtunneld
+# The package has no configuration files, so "remove" normally leaves nothing to purge.
+if dpkg-query -W -f='${Status}' kbadbtunneld 2>/dev/null | grep -q config-files; then
+    step "apt-get purge kbadbtunneld"
+    $sudo env DEBIAN_FRONTEND=noninteractive apt-get purge -y -q kbadbtunneld
+else
+    step "apt-get purge kbadbtunneld: nothing left to purge"
+fi
 
 hash -r
 if command -v kbadbtunneld >/dev/null; then
