@@ -102,8 +102,7 @@ Q_SIGNALS:
     void connectSuccess();
     void connectError(); // adb connect could not run, timed out or exited with a non-zero code
     void pullStarted(); // the adb process of pullAsync is running
-    void
-    pullProgress(int percent); // 0-100, strictly increasing; values adb printed in one burst may be skipped
+    void pullProgress(int percent); // 0-100, strictly increasing; a burst of output may skip values
     void pullSucceeded();
     void pullError(int exitCode); // adb's exit code, or -1 when it could not run or crashed
     void pullCanceled(); // after cancelPullAsync, instead of pullSucceeded/pullError

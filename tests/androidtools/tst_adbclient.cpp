@@ -17,6 +17,7 @@
 
 #include <cerrno>
 #include <signal.h>
+#include <sys/prctl.h>
 
 using AdbCommand = std::function<bool(AdbClient&)>;
 Q_DECLARE_METATYPE(AdbCommand)
@@ -100,6 +101,8 @@ void tst_AdbClient::initTestCase()
     m_adbServer.setProcessEnvironment(env);
     m_adbServer.setStandardOutputFile(QProcess::nullDevice());
     m_adbServer.setStandardErrorFile(QProcess::nullDevice());
+    // Should this test crash, the server goes with it instead of lingering on its port.
+    m_adbServer.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
     m_adbServer.start(REAL_ADB, { QStringLiteral("nodaemon"), QStringLiteral("server") });
     QVERIFY2(m_adbServer.waitForStarted(), qPrintable(m_adbServer.errorString()));
     const auto listening = [this] {
