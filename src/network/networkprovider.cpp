@@ -70,7 +70,15 @@ QNetworkAccessManager* NetworkProvider::getNetworkAccessManager()
                 handler->onNetworkReplySslErrors(reply, errors);
                 return;
             }
+            // The handshake only waits for a decision taken here, in the reply's thread. The
+            // trust test is safe from any thread, so a trusted host passes as it would in the
+            // main thread; anything else is refused and reported there.
             const QString host = reply->url().host();
+            if (handler->isIgnoringErrors(host)) {
+                qDebug().noquote() << getSslErrorReport(errors);
+                reply->ignoreSslErrors(errors);
+                return;
+            }
             QMetaObject::invokeMethod(
                 handler, [handler, host, errors]() { handler->onLateNetworkReplySslErrors(host, errors); },
                 Qt::QueuedConnection);
