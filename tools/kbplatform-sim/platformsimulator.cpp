@@ -113,7 +113,8 @@ bool PlatformSimulator::start(QString* error)
 
     for (int i = 0; i < m_config.instances; ++i) {
         SimInstance::Settings settings;
-        settings.uuid = QUuid::createUuid().toString(QUuid::WithoutBraces);
+        settings.uuid = i < m_config.uuids.size() ? m_config.uuids.at(i)
+                                                  : QUuid::createUuid().toString(QUuid::WithoutBraces);
         settings.sandboxDir = sandboxRoot + QLatin1Char('/') + settings.uuid;
         settings.supportDir = m_supportDir.path() + QLatin1Char('/') + settings.uuid;
         settings.deviceHost = m_config.deviceHost;

@@ -2,6 +2,7 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QUuid>
 
 namespace {
 
@@ -58,8 +59,13 @@ std::optional<SimConfig> SimConfig::parse(const QStringList& arguments, QString*
     const QCommandLineOption sessionTtl(QStringLiteral("session-ttl-ms"),
                                         QStringLiteral("Lifetime of a login session, 0 for unlimited."),
                                         QStringLiteral("MS"), QStringLiteral("3600000"));
+    const QCommandLineOption uuid(
+        QStringLiteral("uuid"),
+        QStringLiteral("UUID of the next instance (repeatable), so that a restarted "
+                       "simulator serves the same instances."),
+        QStringLiteral("UUID"));
     parser.addOptions({ listen, instances, apiToken, email, password, tlsCert, tlsKey, rtt, bandwidth,
-                        sandbox, device, sessionTtl });
+                        sandbox, device, sessionTtl, uuid });
     if (!parser.parse(arguments)) {
         *error = parser.errorText();
         return std::nullopt;
@@ -82,6 +88,18 @@ std::optional<SimConfig> SimConfig::parse(const QStringList& arguments, QString*
     config.instances = parser.value(instances).toInt(&ok);
     if (!ok || config.instances < 1 || config.instances > MAX_INSTANCES) {
         *error = QStringLiteral("--instances expects a number from 1 to %1").arg(MAX_INSTANCES);
+        return std::nullopt;
+    }
+    for (const QString& value : parser.values(uuid)) {
+        const QUuid parsed(value);
+        if (parsed.isNull()) {
+            *error = QStringLiteral("--uuid expects a UUID, got \"%1\"").arg(value);
+            return std::nullopt;
+        }
+        config.uuids.append(parsed.toString(QUuid::WithoutBraces));
+    }
+    if (config.uuids.size() > config.instances || config.uuids.removeDuplicates() > 0) {
+        *error = QStringLiteral("--uuid: at most one distinct UUID per instance");
         return std::nullopt;
     }
     config.apiToken = parser.value(apiToken);

@@ -11,6 +11,7 @@ struct SimConfig
     QString listenHost = QStringLiteral("127.0.0.1");
     quint16 listenPort = 0;
     int instances = 1;
+    QStringList uuids; // the first instances' UUIDs; the others get random ones
     QString apiToken; // generated when empty
     QString email = QStringLiteral("developer@kestrelbox.test");
     QString password; // generated when empty
