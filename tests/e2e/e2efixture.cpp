@@ -5,6 +5,7 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QNetworkProxy>
@@ -33,16 +34,56 @@ E2eFixture::E2eFixture()
 E2eFixture::~E2eFixture()
 {
     kbadbtunneld({ QStringLiteral("stop") }, 15000);
-    static const QRegularExpression daemonLine(
-        QStringLiteral("\\[kbadbtunneld:(\\d+):[^\\]]*\\] \\[debug\\] ==== SERVER starting"));
-    auto it = daemonLine.globalMatch(QString::fromUtf8(log()));
-    while (it.hasNext()) {
-        const pid_t pid = pid_t(it.next().captured(1).toLongLong());
-        if (pid > 0 && ::kill(pid, 0) == 0)
-            ::kill(pid, SIGKILL);
+    for (const qint64 pid : daemonPids()) {
+        if (::kill(pid_t(pid), 0) == 0)
+            ::kill(pid_t(pid), SIGKILL);
     }
     adb({ QStringLiteral("kill-server") }, 15000);
+    for (auto& helper : m_helpers) {
+        helper->terminate();
+        if (!helper->waitForFinished(5000)) {
+            helper->kill();
+            helper->waitForFinished(5000);
+        }
+    }
+    m_helpers.clear();
     stopSimulator();
+}
+
+QList<qint64> E2eFixture::daemonPids() const
+{
+    static const QRegularExpression daemonLine(
+        QStringLiteral("\\[kbadbtunneld:(\\d+):[^\\]]*\\] \\[debug\\] ==== SERVER starting"));
+    QList<qint64> pids;
+    auto it = daemonLine.globalMatch(QString::fromUtf8(log()));
+    while (it.hasNext()) {
+        const qint64 pid = it.next().captured(1).toLongLong();
+        if (pid > 0)
+            pids.append(pid);
+    }
+    return pids;
+}
+
+qint64 E2eFixture::daemonPid() const
+{
+    const QList<qint64> pids = daemonPids();
+    for (auto it = pids.crbegin(); it != pids.crend(); ++it) {
+        if (::kill(pid_t(*it), 0) == 0)
+            return *it;
+    }
+    return 0;
+}
+
+QProcess* E2eFixture::startProcess(const QString& program, const QStringList& arguments)
+{
+    auto process = std::make_unique<QProcess>();
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    process->setStandardOutputFile(path(QFileInfo(program).fileName() + QStringLiteral(".out")),
+                                   QIODevice::Append);
+    process->start(program, arguments);
+    process->waitForStarted(10000);
+    m_helpers.push_back(std::move(process));
+    return m_helpers.back().get();
 }
 
 QString E2eFixture::adbPath()
@@ -59,6 +100,7 @@ quint16 E2eFixture::freePort()
 
 bool E2eFixture::startSimulator(const QStringList& arguments)
 {
+    m_simulatorArguments = arguments;
     m_simulator = std::make_unique<QProcess>();
     m_simulator->setProcessChannelMode(QProcess::SeparateChannels);
     m_simulator->setStandardErrorFile(path(QStringLiteral("simulator.log")), QIODevice::Append);
@@ -89,6 +131,12 @@ void E2eFixture::stopSimulator()
         m_simulator->waitForFinished(5000);
     }
     m_simulator.reset();
+}
+
+bool E2eFixture::restartSimulator()
+{
+    stopSimulator();
+    return startSimulator(m_simulatorArguments);
 }
 
 QString E2eFixture::instanceUuid(int index) const

@@ -7,6 +7,7 @@
 #include <QTemporaryDir>
 
 #include <memory>
+#include <vector>
 
 // Everything an end-to-end case needs, built from the real programs: the platform simulator,
 // kbadbtunneld with its own configuration home, and Debian's adb on a server port of its own
@@ -34,6 +35,8 @@ public:
     // Starts kbplatform-sim with `arguments` and reads its ready line; false on failure.
     bool startSimulator(const QStringList& arguments = {});
     void stopSimulator();
+    // Stops the simulator and starts it again with the arguments of the last start.
+    bool restartSimulator();
     QJsonObject ready() const { return m_ready; }
     QString instanceUuid(int index = 0) const;
     quint16 devicePort(int index = 0) const;
@@ -52,6 +55,11 @@ public:
     // Polls "getinstances" until uuid is in state; returns the last entry seen.
     QJsonObject waitForState(const QString& uuid, const QString& state, int timeoutMs = 30000) const;
     QByteArray log() const;
+    // The pid of the running daemon, from its start line in the log; 0 when none runs.
+    qint64 daemonPid() const;
+
+    // Starts a helper program (a proxy, say) that the destructor stops after the daemon.
+    QProcess* startProcess(const QString& program, const QStringList& arguments);
 
     // POSTs a JSON body to the simulator's admin API under /_sim/; returns the HTTP status.
     int admin(const QString& path, const QJsonObject& body = {}) const;
@@ -65,6 +73,10 @@ public:
 private:
     QTemporaryDir m_dir;
     std::unique_ptr<QProcess> m_simulator;
+    QList<qint64> daemonPids() const;
+
+    QStringList m_simulatorArguments;
+    std::vector<std::unique_ptr<QProcess>> m_helpers;
     QJsonObject m_ready;
     quint16 m_adbPort = 0;
     QProcessEnvironment m_extraEnv;

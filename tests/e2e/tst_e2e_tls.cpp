@@ -1,0 +1,100 @@
+// The platform over HTTPS and WSS with a self-signed certificate made by the test: what the
+// daemon refuses, what KB_TRUSTED_HOSTS lets through, and what the log says about it.
+#include "e2efixture.h"
+
+#include <QtTest>
+
+class TestE2eTls : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void selfSignedPlatform_data()
+    {
+        QTest::addColumn<QString>("trustedHosts"); // null: unset
+        QTest::addColumn<QString>("restHost"); // the host the daemon uses for REST calls
+        QTest::addColumn<bool>("connects");
+        QTest::addColumn<QByteArray>("refusal"); // the log line that tells why, when refused
+
+        QTest::newRow("nothing trusted")
+            << QString() << "127.0.0.1" << false << QByteArray("Failed to retrieve instance access token:");
+        QTest::newRow("another host trusted")
+            << "localhost"
+            << "127.0.0.1" << false << QByteArray("Failed to retrieve instance access token:");
+        QTest::newRow("platform host trusted") << "other.test,,127.0.0.1"
+                                               << "127.0.0.1" << true << QByteArray();
+        // REST through a trusted name, the WebSocket URL the platform hands out is not.
+        QTest::newRow("only the REST host trusted")
+            << "localhost"
+            << "localhost" << false << QByteArray("SSL error report:");
+    }
+
+    void selfSignedPlatform()
+    {
+        QFETCH(QString, trustedHosts);
+        QFETCH(QString, restHost);
+        QFETCH(bool, connects);
+        QFETCH(QByteArray, refusal);
+
+        E2eFixture fixture;
+        const QString cert = fixture.path(QStringLiteral("cert.pem"));
+        const QString key = fixture.path(QStringLiteral("key.pem"));
+        const E2eFixture::Result openssl = fixture.run(
+            QStringLiteral("openssl"),
+            { QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"), QStringLiteral("ec"),
+              QStringLiteral("-pkeyopt"), QStringLiteral("ec_paramgen_curve:prime256v1"),
+              QStringLiteral("-nodes"), QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
+              QStringLiteral("/CN=127.0.0.1"), QStringLiteral("-addext"),
+              QStringLiteral("subjectAltName=IP:127.0.0.1,DNS:localhost"), QStringLiteral("-keyout"), key,
+              QStringLiteral("-out"), cert },
+            30000);
+        QVERIFY2(openssl.exitCode == 0, openssl.err.constData());
+        QVERIFY(
+            fixture.startSimulator({ QStringLiteral("--tls-cert"), cert, QStringLiteral("--tls-key"), key }));
+        QUrl base(fixture.ready().value(QStringLiteral("base_url")).toString());
+        QCOMPARE(base.scheme(), QStringLiteral("https"));
+        base.setHost(restHost);
+        fixture.setEnv(QStringLiteral("KB_PLATFORM_BASE_URL"), base.toString());
+        if (!trustedHosts.isNull())
+            fixture.setEnv(QStringLiteral("KB_TRUSTED_HOSTS"), trustedHosts);
+        fixture.useApiToken();
+
+        const QString uuid = fixture.instanceUuid();
+        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
+        const QJsonObject entry = fixture.waitForState(
+            uuid, connects ? QStringLiteral("CONNECTED") : QStringLiteral("FAILED"), 60000);
+        const QByteArray log = fixture.log();
+        QVERIFY2(entry.value(QStringLiteral("state")).toString()
+                     == (connects ? QLatin1String("CONNECTED") : QLatin1String("FAILED")),
+                 log.right(4000).constData());
+
+        if (connects) {
+            QVERIFY(log.contains("SSL Error: \"127.0.0.1\" is trusted, ignoring error"));
+            const QString serial = entry.value(QStringLiteral("adb_serial")).toString();
+            const QString local = fixture.makeFile(QStringLiteral("tls.bin"), 1 << 20);
+            const QString pulled = fixture.path(QStringLiteral("tls-pulled.bin"));
+            QCOMPARE(fixture
+                         .adb({ QStringLiteral("-s"), serial, QStringLiteral("push"), local,
+                                QStringLiteral("/data/local/tmp/tls.bin") })
+                         .exitCode,
+                     0);
+            QCOMPARE(fixture
+                         .adb({ QStringLiteral("-s"), serial, QStringLiteral("pull"),
+                                QStringLiteral("/data/local/tmp/tls.bin"), pulled })
+                         .exitCode,
+                     0);
+            QCOMPARE(E2eFixture::sha256(pulled), E2eFixture::sha256(local));
+            return;
+        }
+        // The report names the problem and carries the certificate for the user to inspect.
+        QVERIFY(log.contains("SSL Error(s):"));
+        QVERIFY(log.contains("The certificate is self-signed, and untrusted"));
+        QVERIFY(log.contains("-----BEGIN CERTIFICATE-----"));
+        QVERIFY(log.contains("SSL Error: reject connection"));
+        QVERIFY2(log.contains(refusal), log.right(4000).constData());
+        QVERIFY(log.contains("adb tunnel will not restart for device"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestE2eTls)
+#include "tst_e2e_tls.moc"
