@@ -122,6 +122,30 @@ bool SimInstance::writeSupportFiles(QString* error)
         }
         stub.setPermissions(executable);
     }
+    // A package manager just good enough for `adb install` / `adb uninstall`: it records
+    // package names (the APK's base name) in the sandbox, the shell's working directory.
+    QFile pm(m_profile.binDir + QStringLiteral("/pm"));
+    const QByteArray pmScript
+        = "#!/bin/sh\n"
+          "db=\"$PWD/.installed-packages\"\n"
+          "touch \"$db\"\n"
+          "case \"$1\" in\n"
+          "install) for a in \"$@\"; do apk=\"$a\"; done\n"
+          "  case \"$apk\" in *.apk) ;; *) echo 'Failure [INSTALL_FAILED_INVALID_APK]'; exit 1 ;; esac\n"
+          "  name=$(basename \"$apk\" .apk); grep -qx \"package:$name\" \"$db\" || echo \"package:$name\" >> "
+          "\"$db\"\n"
+          "  echo Success ;;\n"
+          "uninstall) if grep -qx \"package:$2\" \"$db\"; then grep -vx \"package:$2\" \"$db\" > "
+          "\"$db.new\"; mv \"$db.new\" \"$db\"; echo Success;\n"
+          "  else echo 'Failure [DELETE_FAILED_INTERNAL_ERROR]'; fi ;;\n"
+          "list) cat \"$db\" ;;\n"
+          "*) echo \"pm: unknown command $1\" >&2; exit 1 ;;\n"
+          "esac\n";
+    if (!pm.open(QIODevice::WriteOnly | QIODevice::Truncate) || pm.write(pmScript) != pmScript.size()) {
+        *error = QStringLiteral("cannot write %1: %2").arg(pm.fileName(), pm.errorString());
+        return false;
+    }
+    pm.setPermissions(executable);
     return true;
 }
 
