@@ -22,6 +22,11 @@ AdbTunnelController::AdbTunnelController(NetworkProvider* networkProvider,
     m_info.id = id;
     m_info.port = port;
     m_thread->setObjectName(QStringLiteral("tunnel-%1").arg(id));
+    // Everything that runs in this thread concerns this one instance, including the network
+    // layer's own log lines, so the whole thread carries the instance prefix.
+    const QString prefix = QStringLiteral("[UUID:%1]").arg(id);
+    connect(m_thread, &QThread::started, m_thread, [prefix] { LogHandler::setPrefix(prefix); },
+            Qt::DirectConnection);
     createTunnel();
 }
 
