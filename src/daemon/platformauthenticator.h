@@ -45,6 +45,8 @@ private Q_SLOTS:
     void onWebSocketDisconnected();
 
 private:
+    friend class PlatformAuthenticatorProbe; // the fuzz target feeds replies to the readers below
+
     QString extractInstanceAccessTokenFromReply(const WebServiceResult& result);
     QString getAdbTunnelUriFromInstanceDetails(const WebServiceResult& result);
     void authenticationError(PlatformAuthenticator::Error error, const QString& message);
