@@ -44,7 +44,8 @@ VersionNumber VersionNumber::fromString(const QString& text)
     version.m_major = components[0];
     version.m_minor = components[1];
     version.m_patch = components[2];
-    version.m_patchStatusNumber = tagged ? tagNumber.toUInt() : quint32(components[3]);
+    // A negative fourth component has no unsigned form; it reads as not a number.
+    version.m_patchStatusNumber = tagged ? tagNumber.toUInt() : quint32(qMax(components[3], 0));
     return version;
 }
 
