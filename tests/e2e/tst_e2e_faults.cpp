@@ -1,0 +1,293 @@
+// Faults while data flows: the platform drops WebSockets, the adb server and the platform are
+// restarted, the daemon is told to stop. A transfer may fail; one that reports success must be
+// intact, and the tunnels must come back without the user's help.
+#include "e2efixture.h"
+
+#include <QtTest>
+#include <QUuid>
+
+#include <csignal>
+#include <memory>
+
+namespace {
+
+// Long enough transfers for several drops each, small enough for CI: 64 MiB at 64 Mbit/s is
+// about eight seconds per transfer.
+constexpr qint64 LARGE_FILE = 64 << 20;
+const QString BANDWIDTH_KBPS = QStringLiteral("64000");
+constexpr int DROP_INTERVAL_MS = 2500;
+
+std::unique_ptr<QProcess> startAdb(const E2eFixture& fixture, const QStringList& arguments)
+{
+    auto process = std::make_unique<QProcess>();
+    process->setProcessEnvironment(fixture.environment());
+    process->start(E2eFixture::adbPath(), arguments);
+    process->waitForStarted(10000);
+    return process;
+}
+
+QString serialOf(const QJsonObject& entry)
+{
+    return entry.value(QStringLiteral("adb_serial")).toString();
+}
+
+QString connectAndWait(const E2eFixture& fixture, const QString& uuid)
+{
+    if (fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode != 0)
+        return {};
+    return serialOf(fixture.waitForState(uuid, QStringLiteral("CONNECTED"), 60000));
+}
+
+bool deviceIsBack(const E2eFixture& fixture, const QString& serial)
+{
+    return fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("get-state") }, 30000).out.trimmed()
+        == "device";
+}
+
+QByteArray shell(const E2eFixture& fixture, const QString& serial, const QString& command)
+{
+    const E2eFixture::Result result
+        = fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"), command });
+    return result.exitCode == 0 ? result.out : QByteArray();
+}
+
+QString onDevice(const E2eFixture& fixture, const QString& uuid, const QString& path)
+{
+    return fixture.path(QStringLiteral("sandbox/")) + uuid + path;
+}
+
+int tunnelSuccesses(const E2eFixture& fixture, const QString& uuid)
+{
+    return int(fixture.log().count("[UUID:" + uuid.toUtf8() + "] Tunnel init successfully for device"));
+}
+
+} // namespace
+
+class TestE2eFaults : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void dropsDuringTransfer_data()
+    {
+        QTest::addColumn<bool>("push");
+        QTest::newRow("push") << true;
+        QTest::newRow("pull") << false;
+    }
+
+    // The platform drops the WebSocket every few seconds for a while. Each attempt either fails
+    // or delivers the file intact; once the drops stop, the next attempt succeeds.
+    void dropsDuringTransfer()
+    {
+        QFETCH(bool, push);
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator({ QStringLiteral("--bandwidth-kbps"), BANDWIDTH_KBPS }));
+        fixture.useApiToken();
+        const QString uuid = fixture.instanceUuid();
+        const QString serial = connectAndWait(fixture, uuid);
+        QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
+
+        const QString local = fixture.makeFile(QStringLiteral("large.bin"), LARGE_FILE);
+        const QByteArray expected = E2eFixture::sha256(local);
+        if (!push) {
+            QDir().mkpath(onDevice(fixture, uuid, QStringLiteral("/data/local/tmp")));
+            QVERIFY(QFile::copy(local, onDevice(fixture, uuid, QStringLiteral("/data/local/tmp/large.bin"))));
+        }
+
+        QElapsedTimer dropWindow;
+        dropWindow.start();
+        int failures = 0;
+        for (int attempt = 0;; ++attempt) {
+            QVERIFY2(attempt < 12, "the transfer never succeeded after the drops stopped");
+            const bool dropping = dropWindow.elapsed() < 12000;
+            if (!dropping) // a close armed for a WebSocket still to come
+                fixture.admin(QStringLiteral("reset"));
+            const QString remote = QStringLiteral("/data/local/tmp/large.bin");
+            const QString target = push ? QStringLiteral("/data/local/tmp/pushed-%1.bin").arg(attempt)
+                                        : fixture.path(QStringLiteral("pulled-%1.bin").arg(attempt));
+            const std::unique_ptr<QProcess> adb = startAdb(
+                fixture,
+                { QStringLiteral("-s"), serial, push ? QStringLiteral("push") : QStringLiteral("pull"),
+                  push ? local : remote, target });
+            QElapsedTimer running;
+            running.start();
+            // admin() runs an event loop that may reap adb, after which waitForFinished is false.
+            while (!adb->waitForFinished(DROP_INTERVAL_MS) && adb->state() != QProcess::NotRunning) {
+                QVERIFY2(running.elapsed() < 300000, "adb hangs");
+                if (dropping)
+                    fixture.admin(QStringLiteral("close"), { { QStringLiteral("instance_uuid"), uuid } });
+            }
+            if (adb->exitStatus() == QProcess::NormalExit && adb->exitCode() == 0) {
+                QCOMPARE(E2eFixture::sha256(push ? onDevice(fixture, uuid, target) : target), expected);
+                if (!dropping)
+                    break;
+                continue;
+            }
+            ++failures;
+            QTRY_VERIFY_WITH_TIMEOUT(deviceIsBack(fixture, serial), 60000);
+        }
+        // Otherwise the drops missed the transfers and nothing was tested.
+        QVERIFY(failures > 0);
+        QVERIFY(tunnelSuccesses(fixture, uuid) > 1);
+        QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
+                 QStringLiteral("CONNECTED"));
+    }
+
+    // The tunnel notices that the adb server dropped its connection and connects the new one.
+    void freshAdbServer()
+    {
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator());
+        fixture.useApiToken();
+        const QString uuid = fixture.instanceUuid();
+        const QString serial = connectAndWait(fixture, uuid);
+        QVERIFY(!serial.isEmpty());
+        QCOMPARE(shell(fixture, serial, QStringLiteral("echo before")), QByteArray("before\n"));
+        const qsizetype connects = fixture.log().count("Connect local ADB to");
+
+        QCOMPARE(fixture.adb({ QStringLiteral("kill-server") }).exitCode, 0);
+        QCOMPARE(fixture.adb({ QStringLiteral("start-server") }).exitCode, 0);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8() + "\tdevice"), 60000);
+        QVERIFY(fixture.log().count("Connect local ADB to") > connects);
+        QCOMPARE(shell(fixture, serial, QStringLiteral("echo after")), QByteArray("after\n"));
+        QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
+                 QStringLiteral("CONNECTED"));
+    }
+
+    void sigtermDuringTransfer()
+    {
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator({ QStringLiteral("--bandwidth-kbps"), BANDWIDTH_KBPS }));
+        fixture.useApiToken();
+        const QString uuid = fixture.instanceUuid();
+        const QString serial = connectAndWait(fixture, uuid);
+        QVERIFY(!serial.isEmpty());
+        const qint64 pid = fixture.daemonPid();
+        QVERIFY(pid > 0);
+
+        const QString local = fixture.makeFile(QStringLiteral("large.bin"), LARGE_FILE);
+        const QString remote = QStringLiteral("/data/local/tmp/large.bin");
+        const std::unique_ptr<QProcess> adb
+            = startAdb(fixture, { QStringLiteral("-s"), serial, QStringLiteral("push"), local, remote });
+        // The device keeps the file out of sight until it is complete; adb's own reading of the
+        // local file tells how far the push has gone.
+        const auto received = [&adb]() {
+            QFile io(QStringLiteral("/proc/%1/io").arg(adb->processId()));
+            if (!io.open(QIODevice::ReadOnly))
+                return qint64(0);
+            for (const QByteArray& line : io.readAll().split('\n')) {
+                if (line.startsWith("rchar:"))
+                    return line.mid(6).trimmed().toLongLong();
+            }
+            return qint64(0);
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(received() > (8 << 20), 60000);
+
+        QCOMPARE(::kill(pid_t(pid), SIGTERM), 0);
+        QTRY_VERIFY_WITH_TIMEOUT(::kill(pid_t(pid), 0) != 0, 60000);
+        QVERIFY(fixture.log().contains("[kbadbtunneld:" + QByteArray::number(pid) + ":"));
+        QVERIFY(fixture.log().contains("==== SERVER exit code: 0 ===="));
+        QTRY_VERIFY_WITH_TIMEOUT(adb->state() == QProcess::NotRunning, 60000);
+        QVERIFY(adb->exitCode() != 0);
+        QVERIFY(!QFile::exists(onDevice(fixture, uuid, remote)));
+        QVERIFY(!fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8()));
+    }
+
+    // The platform goes away and comes back on the same address with the same instance. If it
+    // is back before the tunnel's next attempt, the tunnel reconnects by itself; if not, that
+    // attempt finds no platform and the tunnel fails, and a new "connect" brings it back.
+    void platformRestarted()
+    {
+        E2eFixture fixture;
+        const QString uuid = QUuid::createUuid().toString(QUuid::WithoutBraces);
+        QVERIFY(fixture.startSimulator({ QStringLiteral("--listen"),
+                                         QStringLiteral("127.0.0.1:%1").arg(E2eFixture::freePort()),
+                                         QStringLiteral("--uuid"), uuid, QStringLiteral("--api-token"),
+                                         QStringLiteral("restart-token") }));
+        QCOMPARE(fixture.instanceUuid(), uuid);
+        fixture.useApiToken();
+        const QString serial = connectAndWait(fixture, uuid);
+        QVERIFY(!serial.isEmpty());
+        QCOMPARE(shell(fixture, serial, QStringLiteral("echo before")), QByteArray("before\n"));
+
+        QVERIFY(fixture.restartSimulator());
+        QTRY_VERIFY_WITH_TIMEOUT(tunnelSuccesses(fixture, uuid) > 1
+                                     || fixture.instance(uuid).value(QStringLiteral("state")).toString()
+                                         == QLatin1String("FAILED"),
+                                 60000);
+        if (tunnelSuccesses(fixture, uuid) == 1) {
+            QVERIFY(fixture.log().contains("Failed to retrieve instance access token:"));
+            QCOMPARE(connectAndWait(fixture, uuid), serial);
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(deviceIsBack(fixture, serial), 60000);
+        QCOMPARE(shell(fixture, serial, QStringLiteral("echo after")), QByteArray("after\n"));
+    }
+
+    // Half of ten tunnels are dropped again and again while the other half push files: those
+    // pushes all succeed and their tunnels are never restarted.
+    void tenTunnelsSomeDropped()
+    {
+        constexpr int count = 10;
+        constexpr int dropped = 5;
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator({ QStringLiteral("--instances"), QString::number(count),
+                                         QStringLiteral("--bandwidth-kbps"), QStringLiteral("32000") }));
+        fixture.useApiToken();
+        QStringList serials;
+        for (int i = 0; i < count; ++i)
+            QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), fixture.instanceUuid(i) }).exitCode,
+                     0);
+        for (int i = 0; i < count; ++i) {
+            serials.append(
+                serialOf(fixture.waitForState(fixture.instanceUuid(i), QStringLiteral("CONNECTED"), 90000)));
+            QVERIFY2(!serials.constLast().isEmpty(), fixture.log().right(3000).constData());
+        }
+
+        const QString local = fixture.makeFile(QStringLiteral("calm.bin"), 24 << 20);
+        std::vector<std::unique_ptr<QProcess>> pushes;
+        for (int i = dropped; i < count; ++i) {
+            pushes.push_back(startAdb(fixture,
+                                      { QStringLiteral("-s"), serials.at(i), QStringLiteral("push"), local,
+                                        QStringLiteral("/data/local/tmp/calm.bin") }));
+        }
+        int rounds = 0;
+        QElapsedTimer running;
+        running.start();
+        auto anyRunning = [&pushes]() {
+            return std::any_of(pushes.cbegin(), pushes.cend(),
+                               [](const auto& p) { return p->state() != QProcess::NotRunning; });
+        };
+        while (anyRunning()) {
+            QVERIFY2(running.elapsed() < 300000, "adb hangs");
+            for (int i = 0; i < dropped; ++i)
+                fixture.admin(QStringLiteral("close"),
+                              { { QStringLiteral("instance_uuid"), fixture.instanceUuid(i) } });
+            ++rounds;
+            for (const auto& process : pushes)
+                process->waitForFinished(DROP_INTERVAL_MS / int(pushes.size()));
+        }
+        QVERIFY(rounds > 1);
+        QCOMPARE(fixture.admin(QStringLiteral("reset")), 200);
+
+        const QByteArray expected = E2eFixture::sha256(local);
+        for (int i = dropped; i < count; ++i) {
+            const auto& process = pushes.at(size_t(i - dropped));
+            QVERIFY2(process->exitCode() == 0, process->readAllStandardError().constData());
+            QCOMPARE(E2eFixture::sha256(onDevice(fixture, fixture.instanceUuid(i),
+                                                 QStringLiteral("/data/local/tmp/calm.bin"))),
+                     expected);
+            QCOMPARE(tunnelSuccesses(fixture, fixture.instanceUuid(i)), 1);
+        }
+        for (int i = 0; i < count; ++i) {
+            QTRY_VERIFY_WITH_TIMEOUT(deviceIsBack(fixture, serials.at(i)), 60000);
+            QCOMPARE(shell(fixture, serials.at(i), QStringLiteral("echo %1").arg(i)),
+                     QByteArray::number(i) + "\n");
+        }
+        for (int i = 0; i < dropped; ++i)
+            QVERIFY(tunnelSuccesses(fixture, fixture.instanceUuid(i)) > 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestE2eFaults)
+#include "tst_e2e_faults.moc"
