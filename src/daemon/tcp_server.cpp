@@ -13,7 +13,8 @@ TcpServer::TcpServer(QObject* parent)
 
 TcpServer::~TcpServer()
 {
-    delete m_client;
+    if (m_client)
+        m_client->dispose();
 }
 
 void TcpServer::incomingConnection(qintptr socketDescriptor)
@@ -41,7 +42,8 @@ void TcpServer::onClientConnected()
             delete socket;
             continue;
         }
-        delete m_client;
+        if (m_client)
+            m_client->dispose();
         m_client = socket;
         connect(socket, &TcpSocket::dataReceived, this, &TcpServer::onDataReceived);
         connect(socket, &QAbstractSocket::disconnected, this, &TcpServer::socketDisconnected);
@@ -73,6 +75,6 @@ void TcpServer::stop()
     if (m_client) {
         TcpSocket* client = m_client;
         m_client = nullptr;
-        delete client;
+        client->dispose();
     }
 }

@@ -1,7 +1,6 @@
 #include "tcp_socket.h"
 
 #include <QDebug>
-#include <QPointer>
 
 TcpSocket::TcpSocket(QObject* parent)
     : QTcpSocket(parent)
@@ -21,14 +20,31 @@ void TcpSocket::sendData(const QByteArray& data)
         qWarning().noquote() << "No bytes written" << error() << errorString();
     else if (written < qint64(int(data.size())))
         qWarning() << "Write" << written << "bytes instead of" << int(data.size()) << "in tcp socket.";
+    // Hand the bytes to the kernel now rather than when control returns to the event loop: the
+    // bridge may next spend milliseconds pushing a large message into the WebSocket, and an OKAY
+    // it forged must reach the ADB server before that so the next write is already on its way.
+    flush();
+}
+
+void TcpSocket::dispose()
+{
+    disconnect();
+    abort();
+    // QAbstractSocket still uses itself after readyRead returns: deleting it from inside that
+    // signal, even with deleteLater() from a nested event loop, would be a use after free.
+    if (m_reading)
+        m_disposed = true;
+    else
+        delete this;
 }
 
 void TcpSocket::onReadyRead()
 {
+    if (m_reading || m_disposed)
+        return;
+    m_reading = true;
     QByteArray buffer(READ_CHUNK_SIZE, Qt::Uninitialized);
-    // A receiver may end up deleting this socket (the bridge being torn down mid-relay).
-    const QPointer<TcpSocket> self(this);
-    while (self && bytesAvailable() > 0) {
+    while (!m_disposed && bytesAvailable() > 0) {
         const qint64 n = read(buffer.data(), READ_CHUNK_SIZE);
         if (n < 0) {
             qWarning().noquote() << "No bytes read" << error() << errorString();
@@ -37,4 +53,7 @@ void TcpSocket::onReadyRead()
         }
         Q_EMIT dataReceived(QByteArray::fromRawData(buffer.constData(), n));
     }
+    m_reading = false;
+    if (m_disposed)
+        deleteLater(); // posted at this level: runs once the socket's notification has unwound
 }

@@ -353,8 +353,10 @@ void WebSocketTcpBridge::waitForWebSocketDataToBeSent()
     QEventLoop loop;
     QTimer timer;
     timer.setInterval(1);
-    connect(&timer, &QTimer::timeout, &loop, [this, &loop] {
-        if (!isWebSocketStillFlushing())
+    // The loop may run the bridge's own deferred deletion.
+    const QPointer<WebSocketTcpBridge> self(this);
+    connect(&timer, &QTimer::timeout, &loop, [self, &loop] {
+        if (!self || !self->isWebSocketStillFlushing())
             loop.quit();
     });
     timer.start();

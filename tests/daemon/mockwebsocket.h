@@ -4,6 +4,8 @@
 
 #include <QByteArrayList>
 
+#include <functional>
+
 // Test double: records what is sent, lets the test play the instance's frames and disconnect.
 class MockWebSocket : public AbstractWebSocket
 {
@@ -16,6 +18,8 @@ public:
     QAbstractSocket::SocketState m_state = QAbstractSocket::ConnectedState;
     QByteArrayList m_sent;
     int m_aborts = 0;
+    int m_busyFlushes = 0; // flush() reports progress this many times, keeping the sender waiting
+    std::function<void()> m_onFirstBusyFlush;
 
     void deliver(const QByteArray& frame) { Q_EMIT binaryFrameReceived(frame, true); }
     void dropConnection()
@@ -29,7 +33,15 @@ public:
     QString closeReason() const override { return {}; }
     QAbstractSocket::SocketError error() const override { return QAbstractSocket::UnknownSocketError; }
     QString errorString() const override { return {}; }
-    bool flush() override { return false; }
+    bool flush() override
+    {
+        if (m_busyFlushes <= 0)
+            return false;
+        --m_busyFlushes;
+        if (m_onFirstBusyFlush)
+            std::exchange(m_onFirstBusyFlush, nullptr)();
+        return true;
+    }
     void ignoreSslErrors(const QList<QSslError>&) override { }
     bool isValid() const override { return m_state == QAbstractSocket::ConnectedState; }
     QHostAddress localAddress() const override { return {}; }

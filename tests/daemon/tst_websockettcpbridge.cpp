@@ -11,6 +11,7 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
+#include <QTimer>
 #include <QWebSocket>
 #include <QWebSocketServer>
 
@@ -238,6 +239,29 @@ private Q_SLOTS:
         QVERIFY(waitSent(3));
         m_device->deliver(msg(AdbPacket::CNXN, 4, 4, "device"));
         QVERIFY(next.waitReceived(1));
+    }
+
+    // The tunnel may tear the bridge down while a send waits in its nested event loop.
+    void teardownWhileSending()
+    {
+        QVERIFY(startRelay());
+        m_device->m_busyFlushes = 1000;
+        m_device->m_onFirstBusyFlush
+            = [this] { QTimer::singleShot(0, m_device.get(), [this] { m_device->dropConnection(); }); };
+        QObject scope;
+        connect(m_bridge.get(), &WebSocketTcpBridge::stateChanged, &scope,
+                [this](WebSocketTcpBridge::State state) {
+                    if (state == WebSocketTcpBridge::IDLE && m_bridge) {
+                        WebSocketTcpBridge* bridge = m_bridge.release();
+                        bridge->stop();
+                        bridge->deleteLater();
+                    }
+                });
+        QSignalSpy gone(&m_server->m_socket, &QTcpSocket::disconnected);
+        m_server->send(msg(AdbPacket::CNXN, 1, 1) + msg(AdbPacket::CNXN, 2, 2));
+        QVERIFY(gone.wait());
+        QTRY_VERIFY(!m_bridge);
+        QCOMPARE(m_device->m_sent.size(), 2);
     }
 
     void serverWriteIsAcknowledgedLocally()
