@@ -194,11 +194,19 @@ private Q_SLOTS:
         QVERIFY(!fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8()));
     }
 
+    void platformRestarted_data()
+    {
+        QTest::addColumn<bool>("awayUntilFailed");
+        QTest::newRow("back at once") << false;
+        QTest::newRow("back after the tunnel gave up") << true;
+    }
+
     // The platform goes away and comes back on the same address with the same instance. If it
     // is back before the tunnel's next attempt, the tunnel reconnects by itself; if not, that
     // attempt finds no platform and the tunnel fails, and a new "connect" brings it back.
     void platformRestarted()
     {
+        QFETCH(bool, awayUntilFailed);
         E2eFixture fixture;
         const QString uuid = QUuid::createUuid().toString(QUuid::WithoutBraces);
         QVERIFY(fixture.startSimulator({ QStringLiteral("--listen"),
@@ -207,18 +215,32 @@ private Q_SLOTS:
                                          QStringLiteral("restart-token") }));
         QCOMPARE(fixture.instanceUuid(), uuid);
         fixture.useApiToken();
-        const QString serial = connectAndWait(fixture, uuid);
+        QString serial = connectAndWait(fixture, uuid);
         QVERIFY(!serial.isEmpty());
         QCOMPARE(shell(fixture, serial, QStringLiteral("echo before")), QByteArray("before\n"));
 
-        QVERIFY(fixture.restartSimulator());
-        QTRY_VERIFY_WITH_TIMEOUT(tunnelSuccesses(fixture, uuid) > 1
-                                     || fixture.instance(uuid).value(QStringLiteral("state")).toString()
-                                         == QLatin1String("FAILED"),
-                                 60000);
+        if (awayUntilFailed) {
+            fixture.stopSimulator();
+            QCOMPARE(fixture.waitForState(uuid, QStringLiteral("FAILED"), 60000)
+                         .value(QStringLiteral("state"))
+                         .toString(),
+                     QStringLiteral("FAILED"));
+            QVERIFY(fixture.restartSimulator());
+        } else {
+            QVERIFY(fixture.restartSimulator());
+            QTRY_VERIFY_WITH_TIMEOUT(tunnelSuccesses(fixture, uuid) > 1
+                                         || fixture.instance(uuid).value(QStringLiteral("state")).toString()
+                                             == QLatin1String("FAILED"),
+                                     60000);
+            qInfo() << (tunnelSuccesses(fixture, uuid) > 1
+                            ? "the tunnel reconnected by itself"
+                            : "the platform was still away at the next attempt");
+        }
         if (tunnelSuccesses(fixture, uuid) == 1) {
             QVERIFY(fixture.log().contains("Failed to retrieve instance access token:"));
-            QCOMPARE(connectAndWait(fixture, uuid), serial);
+            QVERIFY(!fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8()));
+            serial = connectAndWait(fixture, uuid);
+            QVERIFY(!serial.isEmpty());
         }
         QTRY_VERIFY_WITH_TIMEOUT(deviceIsBack(fixture, serial), 60000);
         QCOMPARE(shell(fixture, serial, QStringLiteral("echo after")), QByteArray("after\n"));
