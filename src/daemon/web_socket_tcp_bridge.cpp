@@ -18,6 +18,21 @@ const QString FROM_ADB_SERVER = QStringLiteral("ADB SERVER => TUNNEL SOFT");
 const QString TO_DEVICE = QStringLiteral("TUNNEL SOFT => TUNNEL CLOUD");
 const QString FROM_DEVICE = QStringLiteral("TUNNEL SOFT <= TUNNEL CLOUD");
 
+// Keys are logged as "std::pair(5, 0)", lists as "QList(std::pair(5, 0), std::pair(12, 1))".
+QString keyText(const AdbSession::Key& key)
+{
+    return QStringLiteral("std::pair(%1, %2)").arg(key.first).arg(key.second);
+}
+
+QString keysText(const QList<AdbSession::Key>& keys)
+{
+    QStringList texts;
+    texts.reserve(keys.size());
+    for (const AdbSession::Key& key : keys)
+        texts.append(keyText(key));
+    return QLatin1String("QList(") + texts.join(QLatin1String(", ")) + QLatin1Char(')');
+}
+
 } // namespace
 
 WebSocketTcpBridge::WebSocketTcpBridge(AbstractWebSocket* webSocket, const QString& uuid, QObject* parent)
@@ -187,7 +202,7 @@ void WebSocketTcpBridge::createSession(unsigned id, AdbSession::Origin origin)
     if (AdbSession* previous = m_sessions.value(key)) {
         // The opener reused a live id, so it has given up the old stream. Dropping the old
         // session keeps a peer repeating OPEN from piling up objects.
-        qWarning() << "ADB TUNNEL duplicate OPEN, replacing session" << key;
+        qWarning().noquote() << "ADB TUNNEL duplicate OPEN, replacing session" << keyText(key);
         previous->disconnect(this);
         previous->disconnect(&m_tcpServer);
         previous->deleteLater();
@@ -208,7 +223,7 @@ void WebSocketTcpBridge::deleteSessionIfPossible(AdbSession* session)
     const AdbSession::Key key = session->getUniqueKey();
     if (m_sessions.value(key) == session)
         m_sessions.remove(key);
-    qCDebug(tunnelCategory) << "ADB SESSIONS" << m_sessions.keys();
+    qCDebug(tunnelCategory).noquote() << "ADB SESSIONS" << keysText(m_sessions.keys());
     // Deferred: we may be inside one of the session's own signals.
     session->disconnect(this);
     session->deleteLater();
@@ -267,7 +282,8 @@ void WebSocketTcpBridge::processTcpPacket(AdbPacket* packet)
         }
         break;
     case AdbPacket::CLSE:
-        qCDebug(tunnelCategory) << "ADB TUNNEL CLOSE message => delete session" << session->getUniqueKey();
+        qCDebug(tunnelCategory).noquote()
+            << "ADB TUNNEL CLOSE message => delete session" << keyText(session->getUniqueKey());
         session->closeFromServer();
         deleteSessionIfPossible(session);
         break;

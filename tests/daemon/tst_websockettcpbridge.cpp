@@ -22,10 +22,14 @@ namespace {
 QStringList g_warnings;
 QtMessageHandler g_previousHandler = nullptr;
 
+QStringList g_trace;
+
 void captureWarnings(QtMsgType type, const QMessageLogContext& context, const QString& message)
 {
     if (type == QtWarningMsg)
         g_warnings.append(message);
+    if (qstrcmp(context.category, "tunnel") == 0)
+        g_trace.append(message);
     g_previousHandler(type, context, message);
 }
 
@@ -357,9 +361,20 @@ private Q_SLOTS:
         QVERIFY(openServerStream(12, 41));
         m_device->deliver(msg(AdbPacket::CLSE, 41, 12));
         QVERIFY(m_server->waitReceived(2));
+
+        // The trace, switched on here, names the sessions left.
+        qputenv(AdbTunnelLogger::ENV_KB_ADBTUNNEL_DEBUG, "");
+        AdbTunnelLogger::installAdbTunnelLogCategory();
+        g_trace.clear();
         m_server->send(msg(AdbPacket::CLSE, 12, 41));
         QVERIFY(waitSent(3));
         QTRY_VERIFY(m_bridge->sessionKeys().isEmpty());
+        qunsetenv(AdbTunnelLogger::ENV_KB_ADBTUNNEL_DEBUG);
+        AdbTunnelLogger::installAdbTunnelLogCategory();
+        QVERIFY(
+            g_trace.contains(QStringLiteral("ADB TUNNEL CLOSE message => delete session std::pair(12, 0)")));
+        QVERIFY(g_trace.contains(QStringLiteral("ADB SESSIONS QList()")));
+        QVERIFY(g_trace.first().contains(QLatin1String("[ADB MESSAGE ADB SERVER => TUNNEL SOFT]")));
     }
 
     void sessionKeysPerOpener()
