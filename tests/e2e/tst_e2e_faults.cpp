@@ -146,7 +146,9 @@ private Q_SLOTS:
         const qsizetype connects = fixture.log().count("Connect local ADB to");
 
         QCOMPARE(fixture.adb({ QStringLiteral("kill-server") }).exitCode, 0);
-        QCOMPARE(fixture.adb({ QStringLiteral("start-server") }).exitCode, 0);
+        // The tunnel's own "adb connect" may be starting the new server at the same moment, and
+        // then this start loses the race for the port: either way one fresh server runs.
+        fixture.adb({ QStringLiteral("start-server") });
         QTRY_VERIFY_WITH_TIMEOUT(
             fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8() + "\tdevice"), 60000);
         QVERIFY(fixture.log().count("Connect local ADB to") > connects);
