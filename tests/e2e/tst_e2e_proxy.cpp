@@ -85,7 +85,9 @@ Proxy startDanted(E2eFixture& fixture, bool withPassword)
     const QString configPath = fixture.path(QStringLiteral("danted.conf"));
     writeFile(configPath, config);
 
-    const QStringList danted { QStringLiteral("/usr/sbin/danted"), QStringLiteral("-f"), configPath };
+    // Its own pid file too: the default one is the system service's.
+    const QStringList danted { QStringLiteral("/usr/sbin/danted"), QStringLiteral("-f"), configPath,
+                               QStringLiteral("-p"), fixture.path(QStringLiteral("danted.pid")) };
     if (!withPassword) {
         fixture.startProcess(danted.first(), danted.mid(1));
     } else {
