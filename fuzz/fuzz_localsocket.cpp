@@ -57,8 +57,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const FrameReader::Status status = whole.feed(bytes);
     FrameReader front;
     front.feed(bytes.left(8));
-    if (bytes.size() >= 8)
-        front.feed(bytes.mid(8, qFromBigEndian<qint32>(bytes.constData()) - 4));
+    const qint64 announced = bytes.size() >= 8 ? qint64(qFromBigEndian<qint32>(bytes.constData())) : 0;
+    if (announced >= 4)
+        front.feed(bytes.mid(8, announced - 4));
     const bool frontFrame = front.status() == FrameReader::Complete;
 
     QLocalSocket client;
