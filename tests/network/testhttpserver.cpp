@@ -1,23 +1,11 @@
 #include "testhttpserver.h"
 
-#include <QSslCertificate>
 #include <QSslConfiguration>
 #include <QSslKey>
 #include <QSslServer>
-#include <QSslSocket>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
-
-TestHttpResponse TestHttpResponse::json(int status, const QByteArray& body)
-{
-    TestHttpResponse response;
-    response.status = status;
-    response.reason = status < 400 ? QByteArray("OK") : QByteArray("Error");
-    response.headers.append(qMakePair(QByteArray("Content-Type"), QByteArray("application/json")));
-    response.body = body;
-    return response;
-}
 
 TestHttpServer::TestHttpServer(Handler handler, QObject* parent)
     : QObject(parent)
@@ -120,10 +108,9 @@ void TestHttpServer::onReadyRead(QTcpSocket* socket)
         case TestHttpResponse::CloseMidBody:
             break;
         }
-        QByteArray out = "HTTP/1.1 " + QByteArray::number(response.status) + ' ' + response.reason + "\r\n";
-        for (const auto& header : response.headers)
-            out += header.first + ": " + header.second + "\r\n";
-        out += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n\r\n";
+        const QByteArray out = "HTTP/1.1 " + QByteArray::number(response.status)
+            + (response.status < 400 ? " OK" : " Error") + "\r\nContent-Type: application/json\r\n"
+            + "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n\r\n";
         if (response.mode == TestHttpResponse::CloseMidBody) {
             // The client must see the status line before the connection drops.
             socket->write(out);

@@ -4,7 +4,6 @@
 #include <QList>
 #include <QMap>
 #include <QObject>
-#include <QPair>
 #include <QUrl>
 
 #include <functional>
@@ -32,12 +31,10 @@ struct TestHttpResponse
     };
 
     int status = 200;
-    QByteArray reason = "OK";
-    QList<QPair<QByteArray, QByteArray>> headers;
-    QByteArray body;
+    QByteArray body; // sent as application/json
     Mode mode = Answer;
 
-    static TestHttpResponse json(int status, const QByteArray& body);
+    static TestHttpResponse json(int status, const QByteArray& body) { return { status, body, Answer }; }
 };
 
 // A minimal HTTP/1.1 server on 127.0.0.1, plain or TLS, that records every request and answers
