@@ -9,24 +9,18 @@
 #include <QProcess>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTemporaryDir>
 #include <QTest>
 
 class SimProcess
 {
 public:
-    SimProcess() = default;
-    SimProcess(const SimProcess&) = delete;
-    SimProcess& operator=(const SimProcess&) = delete;
     ~SimProcess() { stop(); }
 
     // Starts the simulator and reads its ready line; false (with the reason in error) otherwise.
     bool start(const QStringList& arguments, QString* error)
     {
-        m_process.setProgram(QStringLiteral(KBPLATFORM_SIM_PATH));
-        m_process.setArguments(arguments);
-        m_process.setProcessChannelMode(QProcess::SeparateChannels);
-        m_process.setProcessEnvironment(QProcessEnvironment::systemEnvironment());
-        m_process.start();
+        m_process.start(QStringLiteral(KBPLATFORM_SIM_PATH), arguments);
         if (!m_process.waitForStarted(10000)) {
             *error = m_process.errorString();
             return false;
@@ -39,8 +33,7 @@ public:
                 return false;
             }
         }
-        m_readyLine = m_process.readLine().trimmed();
-        ready = QJsonDocument::fromJson(m_readyLine).object();
+        ready = QJsonDocument::fromJson(m_process.readLine()).object();
         return !ready.isEmpty();
     }
 
@@ -60,14 +53,12 @@ public:
     {
         return ready.value(QStringLiteral("instances")).toArray().at(index).toObject();
     }
-    QByteArray readyLine() const { return m_readyLine; }
     QProcess& process() { return m_process; }
 
     QJsonObject ready;
 
 private:
     QProcess m_process;
-    QByteArray m_readyLine;
 };
 
 // A port that was free a moment ago, for an adb server of the test's own.
@@ -85,7 +76,7 @@ struct AdbResult
     QByteArray err;
 };
 
-// The real adb, always on the test's own server port, never the user's.
+// The real adb, always on the test's own server port and with its keys in a temporary home.
 class AdbServer
 {
 public:
@@ -99,11 +90,12 @@ public:
         QProcess process;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.remove(QStringLiteral("ANDROID_SERIAL"));
-        env.insert(QStringLiteral("ADB_SERVER_SOCKET"), QStringLiteral("tcp:127.0.0.1:%1").arg(m_port));
+        // adb does not start a server for an explicit ADB_SERVER_SOCKET.
+        env.remove(QStringLiteral("ADB_SERVER_SOCKET"));
+        env.insert(QStringLiteral("ANDROID_ADB_SERVER_PORT"), QString::number(m_port));
+        env.insert(QStringLiteral("HOME"), m_home.path());
         process.setProcessEnvironment(env);
-        // With -P adb treats the server as local and may start it; the variable pins the address.
-        process.start(QStringLiteral(KB_ADB_PATH),
-                      QStringList { QStringLiteral("-P"), QString::number(m_port) } + arguments);
+        process.start(QStringLiteral(KB_ADB_PATH), arguments);
         AdbResult result;
         if (!process.waitForFinished(timeoutMs)) {
             process.kill();
@@ -123,7 +115,7 @@ public:
             return;
         m_stopped = true;
         run({ QStringLiteral("kill-server") }, 20000);
-        // Make sure it is gone: its port must refuse connections.
+        // The server's pid is not ours to know: it is gone once its port refuses connections.
         for (int attempt = 0; attempt < 50; ++attempt) {
             QTcpSocket probe;
             probe.connectToHost(QHostAddress::LocalHost, m_port);
@@ -135,9 +127,8 @@ public:
         qWarning("the test's adb server on port %d did not go away", m_port);
     }
 
-    quint16 port() const { return m_port; }
-
 private:
+    QTemporaryDir m_home;
     quint16 m_port;
     bool m_stopped = false;
 };
