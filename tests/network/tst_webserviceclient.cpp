@@ -118,37 +118,30 @@ void TestWebServiceClient::urlIsJoinedWithoutNormalisation()
 
 void TestWebServiceClient::noUsableAnswer_data()
 {
+    // Without an HTTP status the request is sent again, three times at most, and then ends as a
+    // time-out; with one it is not.
     QTest::addColumn<int>("mode"); // -1: nothing listens
     QTest::addColumn<int>("status");
-    QTest::addColumn<int>("expectedError");
     QTest::addColumn<int>("expectedNetworkError");
-    QTest::addColumn<int>("expectedStatus");
-    QTest::addColumn<int>("expectedRequests");
-
-    const int timeout = WebServiceResult::Timeout;
-    QTest::newRow("nothing listens") << -1 << 0 << timeout << int(QNetworkReply::ConnectionRefusedError) << 0
-                                     << 4;
-    QTest::newRow("connection closed without an answer")
-        << int(Response::CloseWithoutAnswer) << 200 << timeout << int(QNetworkReply::RemoteHostClosedError)
-        << 0 << 4;
-    QTest::newRow("server never answers")
-        << int(Response::NeverAnswer) << 200 << timeout << int(QNetworkReply::TimeoutError) << 0 << 4;
+    const auto row = [](const char* name, int mode, int status, QNetworkReply::NetworkError error) {
+        QTest::newRow(name) << mode << status << int(error);
+    };
+    row("nothing listens", -1, 0, QNetworkReply::ConnectionRefusedError);
+    row("connection closed without an answer", Response::CloseWithoutAnswer, 200,
+        QNetworkReply::RemoteHostClosedError);
+    row("server never answers", Response::NeverAnswer, 200, QNetworkReply::TimeoutError);
     // Qt withholds a 401 until its body is complete: no status, so no login either.
-    QTest::newRow("401 cut mid-body") << int(Response::CloseMidBody) << 401 << timeout
-                                      << int(QNetworkReply::RemoteHostClosedError) << 0 << 4;
-    QTest::newRow("200 cut mid-body")
-        << int(Response::CloseMidBody) << 200 << int(WebServiceResult::NetworkError)
-        << int(QNetworkReply::RemoteHostClosedError) << 200 << 1;
+    row("401 cut mid-body", Response::CloseMidBody, 401, QNetworkReply::RemoteHostClosedError);
+    row("200 cut mid-body", Response::CloseMidBody, 200, QNetworkReply::RemoteHostClosedError);
 }
 
 void TestWebServiceClient::noUsableAnswer()
 {
     QFETCH(int, mode);
     QFETCH(int, status);
-    QFETCH(int, expectedError);
     QFETCH(int, expectedNetworkError);
-    QFETCH(int, expectedStatus);
-    QFETCH(int, expectedRequests);
+    const bool statusSeen = mode == Response::CloseMidBody && status == 200;
+    const int expectedRequests = statusSeen ? 1 : 4;
 
     TestHttpServer server([&](const TestHttpRequest&) {
         Response response = Response::json(status, QByteArray(100000, 'x'));
@@ -177,16 +170,16 @@ void TestWebServiceClient::noUsableAnswer()
     PlatformWebServiceClient client(base, &m_credentials, m_nam.get(), nullptr);
     client.getNetworkManager()->setTimeout(200);
     const WebServiceResult result = fetch(client);
-    QCOMPARE(int(result.getError()), expectedError);
+    QCOMPARE(result.getError(), statusSeen ? WebServiceResult::NetworkError : WebServiceResult::Timeout);
     QCOMPARE(int(result.getNetworkError()), expectedNetworkError);
-    QCOMPARE(result.getHttpStatusCode(), expectedStatus);
+    QCOMPARE(result.getHttpStatusCode(), statusSeen ? 200 : 0);
     // Qt itself sends a request once more when a connection closes before any answer.
     if (mode == Response::CloseWithoutAnswer)
         QVERIFY(server.requests().size() >= expectedRequests);
     else if (mode >= 0)
         QCOMPARE(server.requests().size(), expectedRequests);
     QVERIFY(!server.targets().contains("POST /v1/users/login"));
-    if (expectedError == WebServiceResult::Timeout)
+    if (!statusSeen)
         QVERIFY(result.getErrorString().endsWith(QLatin1String(". Request timeout")));
     if (expectedNetworkError == QNetworkReply::TimeoutError)
         QCOMPARE(result.getErrorString(), QStringLiteral("Timeout detected. Request timeout"));
