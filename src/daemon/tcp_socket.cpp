@@ -20,10 +20,6 @@ void TcpSocket::sendData(const QByteArray& data)
         qWarning().noquote() << "No bytes written" << error() << errorString();
     else if (written < qint64(int(data.size())))
         qWarning() << "Write" << written << "bytes instead of" << int(data.size()) << "in tcp socket.";
-    // Hand the bytes to the kernel now rather than when control returns to the event loop: the
-    // bridge may next spend milliseconds pushing a large message into the WebSocket, and an OKAY
-    // it forged must reach the ADB server before that so the next write is already on its way.
-    flush();
 }
 
 void TcpSocket::dispose()
