@@ -853,6 +853,7 @@ def main():
     only = set(args.only.split(","))
 
     build(args)
+    load_before = os.getloadavg()[0]
     bench = Bench(args)
     suite = Suite(bench, args)
     signal.signal(signal.SIGTERM, lambda *a: sys.exit(1))
@@ -867,6 +868,8 @@ def main():
     finally:
         bench.cleanup()
     suite.write_csv()
+    load = f"load average {load_before:.1f} at the start, {os.getloadavg()[0]:.1f} at the end, {os.cpu_count()} CPUs"
+    suite.goal("machine", load, "", None)
     print()
     suite.print_table()
     print(f"\nCSV files and plots in {args.out}")
