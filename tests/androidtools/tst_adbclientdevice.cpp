@@ -89,7 +89,7 @@ private Q_SLOTS:
             QVERIFY(file.open(QIODevice::WriteOnly));
             QByteArray bytes(3 << 20, '\0');
             for (int i = 0; i < bytes.size(); ++i)
-                bytes[i] = char((i * 7919) >> 3);
+                bytes[i] = char((quint32(i) * 7919u) >> 3);
             file.write(bytes);
         }
         QVERIFY(client.push(local, QStringLiteral("/data/local/tmp/payload.bin")));
