@@ -17,6 +17,7 @@ void AdbMessageQueue::enqueue(const QByteArray& message)
         return;
     }
     m_queue.append(message);
+    m_queuedBytes += message.size();
 }
 
 void AdbMessageQueue::onOkayReceived()
@@ -28,6 +29,7 @@ void AdbMessageQueue::onOkayReceived()
     }
     m_ready = false;
     const QByteArray first = m_queue.takeFirst();
+    m_queuedBytes -= first.size();
     const bool drained = m_queue.isEmpty();
     locker.unlock();
     Q_EMIT messageReady(first);
@@ -39,4 +41,10 @@ qsizetype AdbMessageQueue::size() const
 {
     QMutexLocker locker(&m_mutex);
     return m_queue.size();
+}
+
+qsizetype AdbMessageQueue::queuedBytes() const
+{
+    QMutexLocker locker(&m_mutex);
+    return m_queuedBytes;
 }

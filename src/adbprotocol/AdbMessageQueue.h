@@ -18,6 +18,8 @@ public:
     void onOkayReceived();
 
     qsizetype size() const;
+    // Bytes held back, the released message awaiting its OKAY not included.
+    qsizetype queuedBytes() const;
 
 Q_SIGNALS:
     // A message may go to the ADB server now; emitted outside the lock, so receivers may call back.
@@ -29,4 +31,5 @@ private:
     mutable QMutex m_mutex;
     bool m_ready = true; // nothing released is awaiting its OKAY
     QList<QByteArray> m_queue;
+    qsizetype m_queuedBytes = 0;
 };

@@ -31,6 +31,7 @@ public:
     void enqueue(const QByteArray& message);
     void onOkayReceived();
     qsizetype queuedMessages() const { return m_messageQueue.size(); }
+    qsizetype queuedBytes() const { return m_messageQueue.queuedBytes(); }
 
     void enableRetainMode() { m_retainMode = true; }
     bool isRetainModeEnabled() const { return m_retainMode; }

@@ -327,14 +327,24 @@ void WebSocketTcpBridge::processWebSocketPacket(AdbPacket* packet)
         return;
     }
 
-    // The queue is not bounded: the instance already counts these writes as acknowledged, so
-    // dropping one would corrupt the stream. It drains at the pace of the ADB server's OKAYs.
+    // The instance already counts these writes as acknowledged, so dropping one would corrupt
+    // the stream. The queue drains at the pace of the ADB server's OKAYs; a device that keeps
+    // writing past the bound costs the whole connection instead, and the tunnel reconnects.
     qCDebug(tunnelCategory) << "ADB TUNNEL enable retain mode";
     session->enableRetainMode();
     if (command == AdbPacket::CLSE)
         session->closeFromDevice();
     // A queued CLSE reaches the ADB server after the writes queued before it.
     session->enqueue(bytes);
+    if (session->queuedBytes() > MAX_QUEUED_BYTES_PER_STREAM
+        || session->queuedMessages() > MAX_QUEUED_MESSAGES_PER_STREAM) {
+        qWarning() << "ADB TUNNEL device overran the queue of stream" << session->getUniqueKey() << ":"
+                   << session->queuedMessages() << "messages," << session->queuedBytes()
+                   << "bytes awaiting the ADB server, closing the web socket";
+        m_webSocketReader.clear();
+        if (m_webSocket)
+            m_webSocket->abort();
+    }
 }
 
 void WebSocketTcpBridge::sendMessageToDevice(const QByteArray& bytes)

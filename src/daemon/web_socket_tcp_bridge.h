@@ -33,6 +33,12 @@ public:
     };
     Q_ENUM(Error)
 
+    // What the device may have waiting for the ADB server's OKAYs on one stream, and how many
+    // messages: past either, the instance loses its connection. Each held-back write is one the
+    // instance was already told was acknowledged, so it cannot be dropped alone.
+    static constexpr qsizetype MAX_QUEUED_BYTES_PER_STREAM = 64 * 1024 * 1024;
+    static constexpr qsizetype MAX_QUEUED_MESSAGES_PER_STREAM = 64 * 1024;
+
     // The socket must be connected and authenticated already; it is used, never owned.
     WebSocketTcpBridge(AbstractWebSocket* webSocket, const QString& uuid, QObject* parent = nullptr);
     ~WebSocketTcpBridge() override;
