@@ -142,8 +142,11 @@ void AdbTunnel::onBridgeStateChanged(WebSocketTcpBridge::State state)
     }
     if (state == WebSocketTcpBridge::RUNNING) {
         const quint16 port = m_bridge->getTcpPort();
-        m_info->serial = QStringLiteral("%1:%2").arg(ADB_TUNNEL_HOST).arg(port);
-        m_info->port = port;
+        {
+            QMutexLocker locker(&AdbTunnelInfo::mutex());
+            m_info->serial = QStringLiteral("%1:%2").arg(ADB_TUNNEL_HOST).arg(port);
+            m_info->port = port;
+        }
         connectToAdbTunnel();
     }
 }

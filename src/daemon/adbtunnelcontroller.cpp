@@ -43,6 +43,7 @@ AdbTunnelController::~AdbTunnelController()
 
 AdbTunnelInfo AdbTunnelController::info() const
 {
+    QMutexLocker locker(&AdbTunnelInfo::mutex());
     return m_info;
 }
 

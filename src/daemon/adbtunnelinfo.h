@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QMutex>
 #include <QString>
 
 // What a controller shares with its tunnel. The tunnel fills in the serial and the actual port.
@@ -8,4 +9,13 @@ struct AdbTunnelInfo
     QString serial; // "localhost:<port>" once the bridge listens; empty before
     QString id; // instance UUID
     quint16 port = 0; // requested port, 0 = any; then the port actually listened on
+
+    // The tunnel writes serial and port in its thread while the daemon copies the record in the
+    // main thread ("getinstances"); both hold this lock. Written once per bridge start, so one
+    // lock for all tunnels costs nothing.
+    static QMutex& mutex()
+    {
+        static QMutex lock;
+        return lock;
+    }
 };
