@@ -25,7 +25,11 @@ adb_port=$(free_port)
 cleanup() {
     set +e
     ANDROID_ADB_SERVER_PORT=$adb_port "$adb_bin" kill-server >/dev/null 2>&1
-    [ -n "$vg_pid" ] && kill "$vg_pid" 2>/dev/null
+    if [ -n "$vg_pid" ]; then
+        kill "$vg_pid" 2>/dev/null
+        for _ in $(seq 50); do kill -0 "$vg_pid" 2>/dev/null || break; sleep 0.2; done
+        kill -9 "$vg_pid" 2>/dev/null
+    fi
     [ -n "$sim_pid" ] && kill "$sim_pid" 2>/dev/null
     wait 2>/dev/null
     rm -rf "$work"

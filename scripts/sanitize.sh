@@ -42,7 +42,7 @@ if [ "$mode" = address ]; then
     status=$?
     set -e
 else
-    export TSAN_OPTIONS="suppressions=$root/scripts/tsan.supp:history_size=4:second_deadlock_stack=1:log_path=$reports/tsan:log_exe_name=1"
+    export TSAN_OPTIONS="suppressions=$root/scripts/tsan.supp:die_after_fork=0:history_size=4:second_deadlock_stack=1:log_path=$reports/tsan:log_exe_name=1"
     # Unit tests of the threaded classes and the end-to-end tests (daemon, tunnel threads, adb
     # thread). The others are single-threaded and gain nothing here.
     set +e
