@@ -22,7 +22,8 @@ cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" --target "${targets[@
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:allocator_may_return_null=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 export QT_QPA_PLATFORM=offscreen
-unset KB_ADBTUNNEL_DEBUG KB_ADBTUNNEL_VERSION
+# KB_ADBTUNNEL_VERSION=1 fuzzes the bridge's plain relay instead of the retain mode.
+unset KB_ADBTUNNEL_DEBUG
 
 run_one() {
     local name=$1 corpus=$root/$build/corpus/$1 findings=$root/$build/findings/$1 dict=()
@@ -31,13 +32,14 @@ run_one() {
     local seeds=()
     [ -d "$root/fuzz/corpus/$name" ] && seeds+=("$root/fuzz/corpus/$name")
     [ -d "$root/fuzz/regressions/$name" ] && seeds+=("$root/fuzz/regressions/$name")
+    local started=$SECONDS
     "$root/$build/fuzz/fuzz_$name" "$corpus" "${seeds[@]}" "${dict[@]}" -max_total_time="$seconds" \
         -max_len=65536 -timeout=20 -rss_limit_mb=4096 -print_final_stats=1 \
         -artifact_prefix="$findings/" >"$root/$build/fuzz-$name.log" 2>&1 || true
-    local execs crashes
+    local execs crashes elapsed=$((SECONDS - started))
     execs=$(grep -o 'stat::number_of_executed_units: [0-9]*' "$root/$build/fuzz-$name.log" | awk '{print $2}')
     crashes=$(find "$findings" -type f | wc -l)
-    echo "$name: ${execs:-?} executions in ${seconds}s, $crashes finding(s) (log: $build/fuzz-$name.log)"
+    echo "$name: ${execs:-?} executions in ${elapsed}s, $crashes finding(s) (log: $build/fuzz-$name.log)"
 }
 
 running=0
