@@ -27,6 +27,10 @@ cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKB_DEVEL
     -DKB_SANITIZE="$mode"
 cmake --build "$build_dir" -j "$jobs"
 
+# Transfers run several times slower under a sanitizer than QTest's default 300 s per test
+# function allows.
+export QTEST_FUNCTION_TIMEOUT=1800000
+
 reports=$root/$build_dir/sanitizer-reports
 rm -rf "$reports"
 mkdir -p "$reports"
