@@ -113,11 +113,11 @@ int mainServer(QCoreApplication* app)
         qDebug() << "No proxy used";
     }
 
-    AdbTunnelDaemon daemon(&networkProvider, &credentialsProvider, nullptr);
+    auto daemon = std::make_unique<AdbTunnelDaemon>(&networkProvider, &credentialsProvider, nullptr);
 
     SingleInstance instance(ADBTUNNELD_NAME, singleInstanceDirectory());
     instance.setMessageHandlerFunction(
-        [&daemon](const QVariantMap& message) { return daemon.handleMessage(message); });
+        [&daemon](const QVariantMap& message) { return daemon->handleMessage(message); });
 
     int exitCode = 0;
     switch (instance.tryCreateInstance()) {
@@ -131,12 +131,15 @@ int mainServer(QCoreApplication* app)
         break;
     default:
         qDebug() << "==== SERVER started ====";
-        QObject::connect(&daemon, &AdbTunnelDaemon::quit, app, &QCoreApplication::quit);
+        QObject::connect(daemon.get(), &AdbTunnelDaemon::quit, app, &QCoreApplication::quit);
         exitCode = app->exec();
         break;
     }
 
     qDebug() << "==== SERVER exit code:" << exitCode << "====";
+    // The tunnels go first, each running `adb disconnect`, while the local socket still answers:
+    // a client waiting for "stop" to complete then finds no stale device left behind.
+    daemon.reset();
     AndroidToolsProvider::setInstance(nullptr);
     return exitCode;
 }
