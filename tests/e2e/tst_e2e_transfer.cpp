@@ -44,12 +44,12 @@ private Q_SLOTS:
             const QString remote = QStringLiteral("/data/local/tmp/") + name;
             const E2eFixture::Result push = fixture.adb(
                 { QStringLiteral("-s"), serial, QStringLiteral("push"), local, remote }, 300000);
-            QVERIFY2(push.exitCode == 0, push.err.constData());
+            QVERIFY2(push.exitCode == 0, (push.err + "\n" + fixture.log().right(4000)).constData());
 
             const QString pulled = fixture.path(QStringLiteral("pulled-") + name);
             const E2eFixture::Result pull = fixture.adb(
                 { QStringLiteral("-s"), serial, QStringLiteral("pull"), remote, pulled }, 300000);
-            QVERIFY2(pull.exitCode == 0, pull.err.constData());
+            QVERIFY2(pull.exitCode == 0, (pull.err + "\n" + fixture.log().right(4000)).constData());
             QCOMPARE(QFileInfo(pulled).size(), size);
             QCOMPARE(E2eFixture::sha256(pulled), E2eFixture::sha256(local));
             QFile::remove(pulled);
