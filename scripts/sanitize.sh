@@ -56,6 +56,8 @@ else
     set -e
 fi
 
+# A process killed while its sanitizer was starting the exit-time leak scan leaves an empty file.
+find "$reports" -type f -empty -delete
 if compgen -G "$reports/*" >/dev/null; then
     echo "Sanitizer reports in $reports:" >&2
     for report in "$reports"/*; do
