@@ -84,13 +84,18 @@ void SingleInstanceServer::onNewConnection()
         });
         connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
         // One request per connection; a client that stalls part-way would otherwise hold its
-        // socket for the daemon's whole life.
-        QTimer::singleShot(REQUEST_TIMEOUT_MS, socket, [socket, reader] {
+        // socket for the daemon's whole life. The timer is the socket's child so that it goes
+        // with the socket: a context-bound single shot would stay registered for the full time
+        // after every connection, and many short connections would pile them up.
+        auto* timer = new QTimer(socket);
+        timer->setSingleShot(true);
+        connect(timer, &QTimer::timeout, socket, [socket, reader] {
             if (reader->status() == SingleInstanceUtils::FrameReader::NeedMore) {
                 qWarning() << "Local socket client sent no complete request in time - dropping it";
                 socket->abort();
             }
         });
+        timer->start(REQUEST_TIMEOUT_MS);
     }
 }
 
