@@ -35,8 +35,10 @@ public:
 
     // What the device may have waiting for the ADB server's OKAYs on one stream, and how many
     // messages: past either, the instance loses its connection. Each held-back write is one the
-    // instance was already told was acknowledged, so it cannot be dropped alone.
-    static constexpr qsizetype MAX_QUEUED_BYTES_PER_STREAM = 64 * 1024 * 1024;
+    // instance was already told was acknowledged, so it cannot be dropped alone. The ADB server
+    // normally drains this far faster than any WAN fills it, but a starved machine (a profiler,
+    // a loaded CI box) was seen to let an honest pull pass 64 MiB, hence the generous margin.
+    static constexpr qsizetype MAX_QUEUED_BYTES_PER_STREAM = 256 * 1024 * 1024;
     static constexpr qsizetype MAX_QUEUED_MESSAGES_PER_STREAM = 64 * 1024;
 
     // The socket must be connected and authenticated already; it is used, never owned.
