@@ -19,6 +19,18 @@ class TestE2eTunnel : public QObject
     Q_OBJECT
 
 private:
+    // Starts a one-instance simulator, connects its instance with the API token and waits for
+    // the tunnel; returns the ADB serial (empty when it never came up).
+    static QString connectOne(E2eFixture& fixture)
+    {
+        if (!fixture.startSimulator())
+            return {};
+        fixture.useApiToken();
+        if (fixture.kbadbtunneld({ QStringLiteral("connect"), fixture.instanceUuid() }).exitCode != 0)
+            return {};
+        return serialOf(fixture.waitForState(fixture.instanceUuid(), QStringLiteral("CONNECTED")));
+    }
+
     static void checkShell(const E2eFixture& fixture, const QString& serial)
     {
         const E2eFixture::Result result = fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"),
@@ -209,12 +221,9 @@ private Q_SLOTS:
     void platformDropsTheWebSocket()
     {
         E2eFixture fixture;
-        QVERIFY(fixture.startSimulator());
-        fixture.useApiToken();
-        const QString uuid = fixture.instanceUuid();
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        const QString serial = serialOf(fixture.waitForState(uuid, QStringLiteral("CONNECTED")));
+        const QString serial = connectOne(fixture);
         QVERIFY(!serial.isEmpty());
+        const QString uuid = fixture.instanceUuid();
 
         // Drop it in the middle of a push: that push may fail, the tunnel comes back by itself.
         const QString file = fixture.makeFile(QStringLiteral("drop.bin"), 8 << 20);
@@ -244,13 +253,8 @@ private Q_SLOTS:
     void platformGoneForGood()
     {
         E2eFixture fixture;
-        QVERIFY(fixture.startSimulator());
-        fixture.useApiToken();
+        QVERIFY(!connectOne(fixture).isEmpty());
         const QString uuid = fixture.instanceUuid();
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        QCOMPARE(
-            fixture.waitForState(uuid, QStringLiteral("CONNECTED")).value(QStringLiteral("state")).toString(),
-            QStringLiteral("CONNECTED"));
         fixture.stopSimulator();
         const QJsonObject entry = fixture.waitForState(uuid, QStringLiteral("FAILED"), 120000);
         QCOMPARE(entry.value(QStringLiteral("state")).toString(), QStringLiteral("FAILED"));
@@ -261,11 +265,8 @@ private Q_SLOTS:
     void stopLeavesNoStaleDevice()
     {
         E2eFixture fixture;
-        QVERIFY(fixture.startSimulator());
-        fixture.useApiToken();
-        const QString uuid = fixture.instanceUuid();
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        const QString serial = serialOf(fixture.waitForState(uuid, QStringLiteral("CONNECTED")));
+        const QString serial = connectOne(fixture);
+        QVERIFY(!serial.isEmpty());
         QVERIFY(fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8()));
         const E2eFixture::Result stop = fixture.kbadbtunneld({ QStringLiteral("stop") });
         QCOMPARE(stop.json().value(QStringLiteral("running")).toBool(true), false);
