@@ -9,3 +9,17 @@ AbstractWebSocket::AbstractWebSocket(QObject* parent)
 }
 
 AbstractWebSocket::~AbstractWebSocket() = default;
+
+qint64 AbstractWebSocket::bytesToWrite() const
+{
+    return 0;
+}
+
+void AbstractWebSocket::setReadingPaused(bool)
+{
+}
+
+bool AbstractWebSocket::isReadingPaused() const
+{
+    return false;
+}

@@ -55,6 +55,15 @@ public:
     virtual QAbstractSocket::SocketState state() const = 0;
     virtual QWebSocketProtocol::Version version() const = 0;
 
+    // Bytes given to send*Message() that have not reached the network yet (frame overhead
+    // included); bytesWritten() reports their progress.
+    virtual qint64 bytesToWrite() const;
+    // While paused, nothing more is read from the network, so that TCP's own backpressure reaches
+    // the peer, and no message signal fires; resuming delivers what was held back, in order.
+    // Implementations that cannot stop reading ignore it and stay unpaused.
+    virtual void setReadingPaused(bool paused);
+    virtual bool isReadingPaused() const;
+
 public Q_SLOTS:
     virtual void close(QWebSocketProtocol::CloseCode closeCode = QWebSocketProtocol::CloseCodeNormal,
                        const QString& reason = QString())
