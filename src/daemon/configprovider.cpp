@@ -2,6 +2,7 @@
 
 #include "jsonreader.h"
 #include "utils/envvars.h"
+#include "utils/filepermissions.h"
 
 #include <QDebug>
 #include <QDir>
@@ -25,9 +26,22 @@ QString getKbsaasConfigHomePath()
         home.replace(0, 1, QDir::homePath());
     if (QDir::isRelativePath(home))
         qFatal("KBSAAS_CONFIG_HOME is set to '%s' but must be an absolute path.", qPrintable(home));
-    if (!QDir().mkpath(home))
+    if (!FilePermissions::makePrivatePath(home))
         qFatal("KBSAAS_CONFIG_HOME is set to '%s', but this directory cannot be created.", qPrintable(home));
     return QDir(home).path();
+}
+
+void warnIfConfigHomeIsShared(const QString& home)
+{
+    // An existing directory is the user's (or kbsaas's) choice and is left as it is; but whoever
+    // may write into it can swap auth.json or the daemon's socket for their own.
+    for (const QString& directory : { home, home + QStringLiteral("/tmp") }) {
+        if (FilePermissions::isGroupOrWorldWritable(directory)) {
+            qWarning().noquote() << QStringLiteral("%1 is writable by other users of this machine, who can "
+                                                   "replace the files in it; run: chmod 700 %1")
+                                        .arg(directory);
+        }
+    }
 }
 
 ConfigProvider::ConfigProvider(JsonReader* reader)

@@ -2,10 +2,12 @@
 
 #include "network/abstractcredentialsprovider.h"
 
+#include <atomic>
+
 class JsonReader;
 
 // Credentials from "auth.json". The password is stored in clear: no tool we must stay
-// compatible with scrambles it.
+// compatible with scrambles it. A file that others may read is still used, with one warning.
 class CredentialsProvider : public AbstractCredentialsProvider
 {
 public:
@@ -20,5 +22,9 @@ public:
     QString getRefreshToken() const override;
 
 private:
+    QString read(const QString& key) const;
+
     JsonReader* m_reader;
+    // Read from every tunnel's thread; the warning is given once per process, not per read.
+    mutable std::atomic_bool m_warnedAboutMode { false };
 };

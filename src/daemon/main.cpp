@@ -118,6 +118,7 @@ int mainServer(QCoreApplication* app)
     SingleInstance instance(ADBTUNNELD_NAME, singleInstanceDirectory());
     instance.setMessageHandlerFunction(
         [&daemon](const QVariantMap& message) { return daemon->handleMessage(message); });
+    warnIfConfigHomeIsShared(configHome);
 
     int exitCode = 0;
     switch (instance.tryCreateInstance()) {

@@ -2,13 +2,30 @@
 
 #include "adbprotocol/AdbTunnelLogger.h"
 #include "tcp_socket.h"
+#include "utils/envvars.h"
 
 #include <QDebug>
+
+const char* const TcpServer::ENV_ALLOW_REMOTE = "KB_TUNNEL_ALLOW_REMOTE";
 
 TcpServer::TcpServer(QObject* parent)
     : QTcpServer(parent)
 {
     connect(this, &QTcpServer::newConnection, this, &TcpServer::onClientConnected);
+    const QString allowRemote = EnvVars::getString(ENV_ALLOW_REMOTE, QString());
+    m_allowRemote = allowRemote == QLatin1String("1");
+    if (m_allowRemote) {
+        qWarning() << "KB_TUNNEL_ALLOW_REMOTE=1: any host that reaches this port gets the device";
+    } else if (!allowRemote.isEmpty() && allowRemote != QLatin1String("0")) {
+        qWarning().noquote() << QStringLiteral("KB_TUNNEL_ALLOW_REMOTE=%1 is neither 1 nor 0: only "
+                                               "this machine may use the tunnel")
+                                    .arg(allowRemote);
+    }
+}
+
+bool TcpServer::admits(const QHostAddress& peer) const
+{
+    return m_allowRemote || peer.isLoopback();
 }
 
 TcpServer::~TcpServer()
@@ -24,6 +41,19 @@ void TcpServer::incomingConnection(qintptr socketDescriptor)
     if (!socket->setSocketDescriptor(socketDescriptor, QAbstractSocket::ConnectedState,
                                      QIODevice::ReadWrite)) {
         qWarning() << "Tcp server cannot accept a connection:" << socket->errorString();
+        delete socket;
+        return;
+    }
+    // The listener is on every address so that "localhost" works whichever family it resolves
+    // to; whoever is served here is the ADB server, with a shell on the cloud device and no
+    // authentication of its own. A stranger is turned away before it can take or displace the
+    // client's place, without a byte from the device.
+    if (!admits(socket->peerAddress())) {
+        qWarning().noquote() << QStringLiteral("Refused a connection to the tunnel port from %1 port %2: "
+                                               "only this machine may use the tunnel")
+                                    .arg(socket->peerAddress().toString())
+                                    .arg(socket->peerPort());
+        socket->abort();
         delete socket;
         return;
     }

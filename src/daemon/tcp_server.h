@@ -1,15 +1,19 @@
 #pragma once
 
 #include <QByteArray>
+#include <QHostAddress>
 #include <QTcpServer>
 
 class TcpSocket;
 
-// Local listener for the ADB server: serves exactly one live client at a time.
+// Local listener for the ADB server: serves exactly one live client at a time, and only a peer
+// on this machine's loopback unless KB_TUNNEL_ALLOW_REMOTE=1.
 class TcpServer : public QTcpServer
 {
     Q_OBJECT
 public:
+    static const char* const ENV_ALLOW_REMOTE;
+
     explicit TcpServer(QObject* parent = nullptr);
     ~TcpServer() override;
 
@@ -19,6 +23,9 @@ public:
     void stop();
 
     TcpSocket* client() const { return m_client; }
+    // Whether a connection from peer may be served: a loopback address (IPv4, IPv6 or IPv4
+    // mapped into IPv6) always, any other only when remote peers were allowed.
+    bool admits(const QHostAddress& peer) const;
 
 public Q_SLOTS:
     void onClientConnected();
@@ -35,4 +42,5 @@ protected:
 
 private:
     TcpSocket* m_client = nullptr; // owned, no parent
+    bool m_allowRemote = false;
 };

@@ -3,6 +3,8 @@
 #include "singleinstanceclient.h"
 #include "singleinstanceutils.h"
 
+#include "utils/filepermissions.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QLockFile>
@@ -17,7 +19,8 @@ SingleInstance::SingleInstance(const QString& name, const QString& directory, QO
     : QObject(parent)
 {
     const QString dir = directory.isEmpty() ? QDir::tempPath() : directory;
-    QDir().mkpath(dir);
+    // The directory holds the socket that controls the instance: it is its owner's alone.
+    FilePermissions::makePrivatePath(dir);
     m_client = new SingleInstanceClient(name, dir, this);
     m_server = new SingleInstanceServer(name, dir, this);
     m_lockFilePath

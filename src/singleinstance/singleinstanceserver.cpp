@@ -33,6 +33,9 @@ bool SingleInstanceServer::listen()
 {
     m_localServer = new QLocalServer(this);
     connect(m_localServer, &QLocalServer::newConnection, this, &SingleInstanceServer::onNewConnection);
+    // Whoever may connect can command the instance; Qt sets the mode before the socket
+    // appears under its name, so there is no moment when others could reach it.
+    m_localServer->setSocketOptions(QLocalServer::UserAccessOption);
     QLocalServer::removeServer(m_serverName);
     const bool listening = m_localServer->listen(m_serverName);
     if (listening) {

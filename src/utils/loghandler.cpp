@@ -1,5 +1,7 @@
 #include "loghandler.h"
 
+#include "filepermissions.h"
+
 #include <QDateTime>
 #include <QFile>
 #include <QMutex>
@@ -44,6 +46,8 @@ void LogHandler::install(const QString& logFilePath, LogHandlerOptions options, 
         QMutexLocker locker(&global.mutex);
         global.options = options;
         global.file = std::make_unique<QFile>(logFilePath);
+        // With tunnel debugging the log holds the session's contents: only its owner reads it.
+        FilePermissions::createPrivateFile(logFilePath);
         if (global.file->open(QIODevice::WriteOnly | QIODevice::Append)) {
             if (!options.testFlag(Quiet))
                 std::fprintf(stderr, "Logging activities to file: %s\n", qPrintable(logFilePath));
