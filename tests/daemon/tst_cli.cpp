@@ -11,6 +11,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <sys/stat.h>
 
 namespace {
 
@@ -30,6 +31,12 @@ QByteArray frame(const QByteArray& payload)
     qToBigEndian<qint32>(qint32(payload.size() + 4), bytes.data());
     qToBigEndian<quint32>(quint32(payload.size()), bytes.data() + 4);
     return bytes + payload;
+}
+
+int modeOf(const QString& path)
+{
+    struct stat info = {};
+    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
 }
 
 bool processAlive(qint64 pid)
@@ -206,6 +213,38 @@ private Q_SLOTS:
         QCOMPARE(result.json().value(QStringLiteral("running")).toBool(true), false);
         QTRY_VERIFY(!processAlive(pid));
         QVERIFY(log().contains(QLatin1String("==== SERVER exit code: 0 ====")));
+    }
+
+    void privateFilesUnderPermissiveUmask_data()
+    {
+        QTest::addColumn<bool>("homeExists");
+        QTest::newRow("home created by the program") << false;
+        QTest::newRow("existing world-writable home") << true;
+    }
+
+    void privateFilesUnderPermissiveUmask()
+    {
+        QFETCH(bool, homeExists);
+        const QString home = m_home->path();
+        if (homeExists)
+            QCOMPARE(::chmod(QFile::encodeName(home).constData(), 0777), 0);
+        else
+            QVERIFY(QDir(home).removeRecursively());
+        // Client and daemon inherit the umask: with 000, anything left to it is open to all.
+        const mode_t savedUmask = ::umask(0);
+        const Run result = run({ QStringLiteral("start") });
+        ::umask(savedUmask);
+        QCOMPARE(result.exitCode, 0);
+
+        QCOMPARE(modeOf(home), homeExists ? 0777 : 0700);
+        QCOMPARE(modeOf(home + QStringLiteral("/tmp")), 0700);
+        QCOMPARE(modeOf(home + QStringLiteral("/kbadbtunneld.log")), 0600);
+        QCOMPARE(modeOf(socketPath()) & 0777, 0700);
+        QCOMPARE(log().contains(QStringLiteral("%1 is writable by other users of this machine").arg(home)),
+                 homeExists);
+        // The socket's mode is what keeps others out; its owner still gets in.
+        QCOMPARE(run({ QStringLiteral("getinstances") }).json().value(QStringLiteral("running")).toBool(),
+                 true);
     }
 
     void daemonInfoShowsPlatformAndProxy()

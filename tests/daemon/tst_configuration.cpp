@@ -7,6 +7,18 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <sys/stat.h>
+
+namespace {
+
+int modeOf(const QString& path)
+{
+    struct stat info = {};
+    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
+}
+
+} // namespace
+
 class TestConfiguration : public QObject
 {
     Q_OBJECT
@@ -39,9 +51,13 @@ private Q_SLOTS:
         QCOMPARE(getKbsaasConfigHomePath(), path(QStringLiteral("cfg")));
         QVERIFY(QFileInfo(path(QStringLiteral("cfg"))).isDir());
 
+        // Whatever the umask, what the program creates is its user's alone.
+        const mode_t savedUmask = ::umask(0);
         qputenv("KBSAAS_CONFIG_HOME", path(QStringLiteral("a/b/c")).toLocal8Bit());
         QCOMPARE(getKbsaasConfigHomePath(), path(QStringLiteral("a/b/c")));
-        QVERIFY(QFileInfo(path(QStringLiteral("a/b/c"))).isDir());
+        ::umask(savedUmask);
+        for (const char* created : { "a", "a/b", "a/b/c" })
+            QCOMPARE(modeOf(path(QLatin1String(created))), 0700);
 
         // Unset and empty both mean the shared default, which is not created here.
         for (const bool empty : { false, true }) {
@@ -91,6 +107,73 @@ private Q_SLOTS:
         QCOMPARE(credentials.getApiToken(), QStringLiteral("from-file"));
         QVERIFY(credentials.hasApiToken());
         QVERIFY(!credentials.hasCredentials());
+    }
+
+    void authJsonReadableByOthersWarnsOnce_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<bool>("warns");
+        QTest::newRow("0600") << 0600 << false;
+        QTest::newRow("0400") << 0400 << false;
+        QTest::newRow("0640 group") << 0640 << true;
+        QTest::newRow("0604 others") << 0604 << true;
+    }
+
+    void authJsonReadableByOthersWarnsOnce()
+    {
+        QFETCH(int, mode);
+        QFETCH(bool, warns);
+        const QString file = path(QStringLiteral("auth.json"));
+        QFile::remove(file); // a read-only one from the previous row
+        write(QStringLiteral("auth.json"), "{\"api_token\": \"tok\", \"email\": \"dev@example.com\"}");
+        QCOMPARE(::chmod(QFile::encodeName(file).constData(), mode_t(mode)), 0);
+        JsonReader reader(file);
+        CredentialsProvider credentials(&reader);
+        const QString warning
+            = QStringLiteral("%1 holds your credentials and other users of this machine can "
+                             "read it; run: chmod 600 %1")
+                  .arg(file);
+        if (warns)
+            QTest::ignoreMessage(QtWarningMsg, qPrintable(warning));
+        QTest::failOnWarning(QRegularExpression(QStringLiteral("chmod 600")));
+        // Still used, and read again on every access without repeating the warning.
+        QCOMPARE(credentials.getApiToken(), QStringLiteral("tok"));
+        QCOMPARE(credentials.getEmail(), QStringLiteral("dev@example.com"));
+        QCOMPARE(credentials.getApiToken(), QStringLiteral("tok"));
+    }
+
+    void sharedConfigHomeWarns_data()
+    {
+        QTest::addColumn<int>("homeMode");
+        QTest::addColumn<int>("tmpMode");
+        QTest::addColumn<QStringList>("warned");
+        QTest::newRow("private") << 0700 << 0700 << QStringList {};
+        QTest::newRow("readable only") << 0755 << 0755 << QStringList {};
+        QTest::newRow("home world-writable") << 01777 << 0700 << QStringList { QString() };
+        QTest::newRow("tmp group-writable") << 0700 << 0770 << QStringList { QStringLiteral("/tmp") };
+        QTest::newRow("both") << 0777 << 0777 << QStringList { QString(), QStringLiteral("/tmp") };
+    }
+
+    void sharedConfigHomeWarns()
+    {
+        QFETCH(int, homeMode);
+        QFETCH(int, tmpMode);
+        QFETCH(QStringList, warned);
+        QTemporaryDir home;
+        QVERIFY(QDir(home.path()).mkdir(QStringLiteral("tmp")));
+        QCOMPARE(::chmod(QFile::encodeName(home.path()).constData(), mode_t(homeMode)), 0);
+        QCOMPARE(
+            ::chmod(QFile::encodeName(home.path() + QStringLiteral("/tmp")).constData(), mode_t(tmpMode)), 0);
+        for (const QString& suffix : warned) {
+            QTest::ignoreMessage(
+                QtWarningMsg,
+                qPrintable(QStringLiteral("%1 is writable by other users of this machine, who "
+                                          "can replace the files in it; run: chmod 700 %1")
+                               .arg(home.path() + suffix)));
+        }
+        QTest::failOnWarning(QRegularExpression(QStringLiteral("chmod 700")));
+        warnIfConfigHomeIsShared(home.path());
+        QCOMPARE(modeOf(home.path()), homeMode); // reported, not changed
     }
 
     void proxyUrl_data()

@@ -47,6 +47,49 @@ private Q_SLOTS:
         QCOMPARE(settings.megaFast, megaFast);
     }
 
+    void admission_data()
+    {
+        QTest::addColumn<QByteArray>("allowRemote");
+        QTest::addColumn<QString>("peer");
+        QTest::addColumn<bool>("admitted");
+        const QStringList loopback { QStringLiteral("127.0.0.1"), QStringLiteral("127.45.6.7"),
+                                     QStringLiteral("::1"), QStringLiteral("::ffff:127.0.0.1") };
+        const QStringList others { QStringLiteral("192.0.2.2"), QStringLiteral("0.0.0.0"),
+                                   QStringLiteral("128.0.0.1"), QStringLiteral("::ffff:192.0.2.2"),
+                                   QStringLiteral("fd00::2"),   QStringLiteral("::") };
+        for (const QByteArray& allow :
+             { QByteArray(), QByteArray("0"), QByteArray("1"), QByteArray("yes") }) {
+            for (const QString& peer : loopback)
+                QTest::addRow("%s from %s", allow.constData(), qPrintable(peer)) << allow << peer << true;
+            for (const QString& peer : others) {
+                QTest::addRow("%s from %s", allow.constData(), qPrintable(peer))
+                    << allow << peer << (allow == "1");
+            }
+        }
+    }
+
+    void admission()
+    {
+        QFETCH(QByteArray, allowRemote);
+        QFETCH(QString, peer);
+        QFETCH(bool, admitted);
+        if (allowRemote.isNull())
+            qunsetenv(TcpServer::ENV_ALLOW_REMOTE);
+        else
+            qputenv(TcpServer::ENV_ALLOW_REMOTE, allowRemote);
+        if (allowRemote == "1")
+            QTest::ignoreMessage(QtWarningMsg,
+                                 QRegularExpression(QStringLiteral("^KB_TUNNEL_ALLOW_REMOTE=1: ")));
+        if (allowRemote == "yes")
+            QTest::ignoreMessage(QtWarningMsg,
+                                 "KB_TUNNEL_ALLOW_REMOTE=yes is neither 1 nor 0: only this "
+                                 "machine may use the tunnel");
+        const TcpServer server;
+        qunsetenv(TcpServer::ENV_ALLOW_REMOTE);
+        QVERIFY(!QHostAddress(peer).isNull());
+        QCOMPARE(server.admits(QHostAddress(peer)), admitted);
+    }
+
     void sendWithoutListening()
     {
         TcpServer server;

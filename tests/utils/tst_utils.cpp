@@ -1,8 +1,21 @@
 #include "utils/envvars.h"
+#include "utils/filepermissions.h"
 #include "utils/loghandler.h"
 #include "utils/versionnumber.h"
 
 #include <QtTest>
+
+#include <sys/stat.h>
+
+namespace {
+
+int modeOf(const QString& path)
+{
+    struct stat info = {};
+    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
+}
+
+} // namespace
 
 class TestUtils : public QObject
 {
@@ -84,6 +97,65 @@ private Q_SLOTS:
                 != VersionNumber::fromString(QStringLiteral("1.9.0")));
         QVERIFY(VersionNumber::fromString(QStringLiteral("1.9.0"))
                 < VersionNumber::fromString(QStringLiteral("1.10.0")));
+    }
+
+    void groupOrWorldAccess_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<bool>("readable");
+        QTest::addColumn<bool>("writable");
+        QTest::newRow("0600") << 0600 << false << false;
+        QTest::newRow("0700") << 0700 << false << false;
+        QTest::newRow("0640") << 0640 << true << false;
+        QTest::newRow("0604") << 0604 << true << false;
+        QTest::newRow("0620") << 0620 << false << true;
+        QTest::newRow("0602") << 0602 << false << true;
+        QTest::newRow("0666") << 0666 << true << true;
+        QTest::newRow("missing") << -1 << false << false;
+    }
+
+    void groupOrWorldAccess()
+    {
+        QFETCH(int, mode);
+        QFETCH(bool, readable);
+        QFETCH(bool, writable);
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("file"));
+        if (mode >= 0) {
+            QVERIFY(FilePermissions::createPrivateFile(path));
+            QCOMPARE(::chmod(QFile::encodeName(path).constData(), mode_t(mode)), 0);
+        }
+        QCOMPARE(FilePermissions::isGroupOrWorldReadable(path), readable);
+        QCOMPARE(FilePermissions::isGroupOrWorldWritable(path), writable);
+    }
+
+    void privateCreationIgnoresUmask()
+    {
+        QTemporaryDir dir;
+        const mode_t savedUmask = ::umask(0);
+        const auto restoreUmask = qScopeGuard([savedUmask] { ::umask(savedUmask); });
+
+        // Every directory the call creates is private; one that existed keeps its mode.
+        QVERIFY(QDir().mkdir(dir.filePath(QStringLiteral("shared"))));
+        QCOMPARE(modeOf(dir.filePath(QStringLiteral("shared"))), 0777);
+        QVERIFY(FilePermissions::makePrivatePath(dir.filePath(QStringLiteral("shared/a/b"))));
+        QCOMPARE(modeOf(dir.filePath(QStringLiteral("shared"))), 0777);
+        QCOMPARE(modeOf(dir.filePath(QStringLiteral("shared/a"))), 0700);
+        QCOMPARE(modeOf(dir.filePath(QStringLiteral("shared/a/b"))), 0700);
+        QVERIFY(FilePermissions::makePrivatePath(dir.filePath(QStringLiteral("shared/a/b"))));
+
+        const QString file = dir.filePath(QStringLiteral("shared/a/b/f"));
+        QVERIFY(FilePermissions::createPrivateFile(file));
+        QCOMPARE(modeOf(file), 0600);
+        QVERIFY(FilePermissions::createPrivateFile(file));
+        QCOMPARE(::chmod(QFile::encodeName(file).constData(), 0644), 0);
+        QVERIFY(FilePermissions::createPrivateFile(file));
+        QCOMPARE(modeOf(file), 0644);
+
+        // A file in the way, or a parent that cannot be created, is a failure, not a crash.
+        QVERIFY(!FilePermissions::makePrivatePath(file));
+        QVERIFY(!FilePermissions::makePrivatePath(file + QStringLiteral("/below")));
+        QVERIFY(!FilePermissions::createPrivateFile(dir.filePath(QStringLiteral("missing/f"))));
     }
 
     void prefixIsScopedPerThread()
