@@ -49,9 +49,13 @@ void TcpServer::incomingConnection(qintptr socketDescriptor)
     // authentication of its own. A stranger is turned away before it can take or displace the
     // client's place, without a byte from the device.
     if (!admits(socket->peerAddress())) {
+        // The dual-stack listener sees IPv4 peers as ::ffff:a.b.c.d; users know them as a.b.c.d.
+        bool isIPv4 = false;
+        const quint32 ipv4 = socket->peerAddress().toIPv4Address(&isIPv4);
+        const QHostAddress peer = isIPv4 ? QHostAddress(ipv4) : socket->peerAddress();
         qWarning().noquote() << QStringLiteral("Refused a connection to the tunnel port from %1 port %2: "
                                                "only this machine may use the tunnel")
-                                    .arg(socket->peerAddress().toString())
+                                    .arg(peer.toString())
                                     .arg(socket->peerPort());
         socket->abort();
         delete socket;

@@ -1,0 +1,162 @@
+// Whoever the tunnel port serves gets a shell on the cloud device: only this machine's loopback
+// is served, also while no ADB server holds the port, unless the user opted in to remote peers.
+#include "e2efixture.h"
+
+#include <QElapsedTimer>
+#include <QNetworkInterface>
+#include <QTcpSocket>
+#include <QtEndian>
+#include <QtTest>
+
+namespace {
+
+// An address of one of this machine's own interfaces that is not loopback: a connection from it
+// looks to the daemon like one from the network, without leaving the machine.
+QHostAddress ownNonLoopbackAddress()
+{
+    const QList<QHostAddress> addresses = QNetworkInterface::allAddresses();
+    for (const QHostAddress& address : addresses) {
+        if (!address.isLoopback() && address.protocol() == QAbstractSocket::IPv4Protocol)
+            return address;
+    }
+    // A link-local IPv6 address would need its interface's scope; a global one does not.
+    for (const QHostAddress& address : addresses) {
+        if (!address.isLoopback() && !address.isLinkLocal()
+            && address.protocol() == QAbstractSocket::IPv6Protocol)
+            return address;
+    }
+    return {};
+}
+
+// ADB protocol.txt: CNXN(version, maxdata, "system-identity-string"), the first message an ADB
+// server sends on a transport.
+QByteArray adbServerHello()
+{
+    constexpr quint32 CNXN = 0x4e584e43;
+    const QByteArray payload("host::\0", 7);
+    quint32 checksum = 0;
+    for (const char byte : payload)
+        checksum += quint8(byte);
+    const quint32 header[6] = { CNXN, 0x01000001, 256 * 1024, quint32(payload.size()), checksum, ~CNXN };
+    QByteArray bytes(sizeof header, '\0');
+    qToLittleEndian<quint32>(header, 6, bytes.data());
+    return bytes + payload;
+}
+
+struct Peer
+{
+    quint16 localPort = 0;
+    bool closed = false;
+    QByteArray received;
+};
+
+// Connects from `from` to the tunnel port and greets it as an ADB server would; returns once
+// the daemon closed the connection, sent the device's answer, or waitMs passed.
+Peer actAsAdbServer(const QHostAddress& from, quint16 port, int waitMs = 10000)
+{
+    Peer peer;
+    QTcpSocket socket;
+    if (!socket.bind(from, 0))
+        return peer;
+    socket.connectToHost(from, port);
+    if (!socket.waitForConnected(5000))
+        return peer;
+    peer.localPort = socket.localPort();
+    socket.write(adbServerHello());
+    QElapsedTimer timer;
+    timer.start();
+    while (socket.state() == QAbstractSocket::ConnectedState && peer.received.size() < 24
+           && timer.elapsed() < waitMs) {
+        socket.waitForReadyRead(100);
+        peer.received += socket.readAll();
+    }
+    peer.received += socket.readAll();
+    peer.closed = socket.state() == QAbstractSocket::UnconnectedState;
+    return peer;
+}
+
+QByteArray shell(const E2eFixture& fixture, const QString& serial)
+{
+    return fixture
+        .adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"), QStringLiteral("echo still mine") })
+        .out;
+}
+
+} // namespace
+
+class TestE2eAdmission : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void peerFromTheNetwork_data()
+    {
+        QTest::addColumn<bool>("allowRemote");
+        QTest::newRow("refused") << false;
+        QTest::newRow("admitted with KB_TUNNEL_ALLOW_REMOTE=1") << true;
+    }
+
+    void peerFromTheNetwork()
+    {
+        QFETCH(bool, allowRemote);
+        const QHostAddress remote = ownNonLoopbackAddress();
+        if (remote.isNull())
+            QSKIP("This machine has no non-loopback address to connect from.");
+
+        E2eFixture fixture;
+        QVERIFY(fixture.startSimulator());
+        fixture.useApiToken();
+        if (allowRemote)
+            fixture.setEnv(QStringLiteral("KB_TUNNEL_ALLOW_REMOTE"), QStringLiteral("1"));
+        const QString uuid = fixture.instanceUuid();
+        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
+        const QString serial = fixture.waitForState(uuid, QStringLiteral("CONNECTED"), 60000)
+                                   .value(QStringLiteral("adb_serial"))
+                                   .toString();
+        QVERIFY(!serial.isEmpty());
+        const quint16 port = quint16(serial.mid(serial.indexOf(QLatin1Char(':')) + 1).toUInt());
+        const auto refusalLogged = [&fixture, &remote](const Peer& peer) {
+            return QString::fromUtf8(fixture.log())
+                .contains(QStringLiteral("Refused a connection to the tunnel port from %1 port %2")
+                              .arg(remote.toString())
+                              .arg(peer.localPort));
+        };
+
+        if (!allowRemote) {
+            // While the user's ADB server is connected, and right after it went away.
+            for (const bool adbServerGone : { false, true }) {
+                if (adbServerGone)
+                    QCOMPARE(fixture.adb({ QStringLiteral("kill-server") }).exitCode, 0);
+                const Peer peer = actAsAdbServer(remote, port);
+                QVERIFY(peer.localPort != 0);
+                QVERIFY(peer.closed);
+                QCOMPARE(peer.received, QByteArray());
+                QTRY_VERIFY(refusalLogged(peer));
+                if (!adbServerGone)
+                    QCOMPARE(shell(fixture, serial), QByteArray("still mine\n"));
+            }
+        } else {
+            // The port is served to one peer at a time: right after the ADB server went away the
+            // stranger is first, unless the daemon's own "adb connect" restarted a server sooner.
+            Peer peer;
+            for (int attempt = 0; attempt < 5 && !peer.received.startsWith("CNXN"); ++attempt) {
+                QCOMPARE(fixture.adb({ QStringLiteral("kill-server") }).exitCode, 0);
+                peer = actAsAdbServer(remote, port);
+                QVERIFY(peer.localPort != 0);
+                QVERIFY(!refusalLogged(peer));
+            }
+            QVERIFY2(peer.received.startsWith("CNXN"), peer.received.toHex().constData());
+        }
+
+        // Once the stranger is gone the user's ADB server gets the device back.
+        fixture.adb({ QStringLiteral("start-server") });
+        QTRY_VERIFY_WITH_TIMEOUT(
+            fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8() + "\tdevice"), 60000);
+        QCOMPARE(shell(fixture, serial), QByteArray("still mine\n"));
+        QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
+                 QStringLiteral("CONNECTED"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestE2eAdmission)
+#include "tst_e2e_admission.moc"
