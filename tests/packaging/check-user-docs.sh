@@ -32,6 +32,8 @@ else
 fi
 
 # The section a term is documented in: the lines from ".SH <section>" to the next ".SH".
+# Searched with grep reading it whole (no -q): a grep that stops at the first match would kill
+# sed with SIGPIPE once the section outgrows one write, failing the pipeline under pipefail.
 section()
 {
     sed -n "/^\.SH $1\$/,/^\.SH /p" "$man_page"
@@ -40,14 +42,14 @@ section()
 mapfile -t commands < <(sed -n 's/.*_COMMAND("\([a-z]*\)").*/\1/p' "$src/src/daemon/adbtunnelparser.h")
 [[ ${#commands[@]} -eq 6 ]] || fail "expected 6 command words in adbtunnelparser.h, found: ${commands[*]}"
 for command in "${commands[@]}"; do
-    section COMMANDS | grep -Eq "^\.BI? $command( |\$)" || fail "command '$command' missing from COMMANDS"
+    section COMMANDS | grep -E "^\.BI? $command( |\$)" >/dev/null || fail "command '$command' missing from COMMANDS"
 done
 
 mapfile -t states < <(sed -n 's/.*QStringLiteral("\([A-Z_]*\)").*/\1/p' "$src/src/daemon/adbtunnelstate.cpp")
 [[ ${#states[@]} -ge 5 ]] || fail "expected the tunnel state names in adbtunnelstate.cpp, found: ${states[*]}"
 for state in "${states[@]}"; do
     [[ $state == UNKNOWN ]] && continue
-    section STATES | grep -qx "\.B $state" || fail "state '$state' missing from STATES"
+    section STATES | grep -x "\.B $state" >/dev/null || fail "state '$state' missing from STATES"
 done
 
 # Every environment variable the program reads is a string literal in src/.
@@ -55,7 +57,7 @@ mapfile -t variables < <(grep -rhoE '"(KB|KBSAAS|KESTRELBOX|KBADBTUNNELD|QT)_[A-
     | tr -d '"' | sort -u)
 [[ ${#variables[@]} -ge 10 ]] || fail "found only ${#variables[@]} environment variables in the sources"
 for variable in "${variables[@]}"; do
-    section ENVIRONMENT | grep -qx "\.B $variable" || fail "environment variable $variable missing from ENVIRONMENT"
+    section ENVIRONMENT | grep -x "\.B $variable" >/dev/null || fail "environment variable $variable missing from ENVIRONMENT"
 done
 
 # --- bash completion -----------------------------------------------------------------------
