@@ -46,7 +46,8 @@ api_token=$(field 'd["api_token"]' <<<"$ready")
 uuid=$(field 'd["instances"][0]["uuid"]' <<<"$ready")
 
 step "Configuring kbadbtunneld in $KBSAAS_CONFIG_HOME"
-printf '{"api_token": "%s"}\n' "$api_token" >"$KBSAAS_CONFIG_HOME/auth.json"
+# Credentials are for the user's eyes only; the daemon warns about an auth.json others can read.
+(umask 077 && printf '{"api_token": "%s"}\n' "$api_token" >"$KBSAAS_CONFIG_HOME/auth.json")
 printf '{"android-sdk-path": "/usr/lib/android-sdk"}\n' >"$KBSAAS_CONFIG_HOME/config.json"
 export KB_PLATFORM_BASE_URL=$base_url
 cat "$KBSAAS_CONFIG_HOME/config.json"
