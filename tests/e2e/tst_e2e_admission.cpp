@@ -14,15 +14,10 @@ namespace {
 // looks to the daemon like one from the network, without leaving the machine.
 QHostAddress ownNonLoopbackAddress()
 {
-    const QList<QHostAddress> addresses = QNetworkInterface::allAddresses();
-    for (const QHostAddress& address : addresses) {
-        if (!address.isLoopback() && address.protocol() == QAbstractSocket::IPv4Protocol)
-            return address;
-    }
-    // A link-local IPv6 address would need its interface's scope; a global one does not.
-    for (const QHostAddress& address : addresses) {
-        if (!address.isLoopback() && !address.isLinkLocal()
-            && address.protocol() == QAbstractSocket::IPv6Protocol)
+    for (const QHostAddress& address : QNetworkInterface::allAddresses()) {
+        // An IPv6 link-local address would need its interface's scope to be reached.
+        if (!address.isLoopback()
+            && !(address.protocol() == QAbstractSocket::IPv6Protocol && address.isLinkLocal()))
             return address;
     }
     return {};
