@@ -5,6 +5,7 @@
 #include "utils/envvars.h"
 
 #include <QDebug>
+#include <QHostAddress>
 
 const char* const TcpServer::ENV_ALLOW_REMOTE = "KB_TUNNEL_ALLOW_REMOTE";
 

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <QByteArray>
-#include <QHostAddress>
 #include <QTcpServer>
 
+class QHostAddress;
 class TcpSocket;
 
 // Local listener for the ADB server: serves exactly one live client at a time, and only a peer
