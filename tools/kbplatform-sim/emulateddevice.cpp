@@ -150,12 +150,12 @@ DeviceService* EmulatedDevice::createService(const QByteArray& name, quint32 loc
         const qsizetype colon = name.indexOf(':');
         if (colon < 0)
             return nullptr;
-        return new ShellService(this, localId, QString::fromUtf8(name.mid(colon + 1)));
+        return new ShellService(this, localId, m_profile, QString::fromUtf8(name.mid(colon + 1)), this);
     }
     if (name.startsWith("exec:"))
-        return new ShellService(this, localId, QString::fromUtf8(name.mid(5)));
+        return new ShellService(this, localId, m_profile, QString::fromUtf8(name.mid(5)), this);
     if (name == "sync:")
-        return new SyncService(this, localId, m_profile.sandboxDir);
+        return new SyncService(this, localId, m_profile.sandboxDir, this);
     return nullptr;
 }
 

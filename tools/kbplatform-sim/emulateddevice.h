@@ -2,23 +2,15 @@
 
 #include "adbdeviceprotocol.h"
 #include "deviceconnection.h"
-
-#include <QProcessEnvironment>
+#include "deviceprofile.h"
+#include "devicestreams.h"
 
 #include <map>
 
 class DeviceService;
 
-// What makes one emulated device: its files, its shell environment and its CNXN banner.
-struct DeviceProfile
-{
-    QString sandboxDir; // the device's "/"
-    QString binDir; // prepended to PATH in shells (holds getprop)
-    QByteArray banner;
-};
-
 // The device side of one ADB connection: "shell:", "exec:" and "sync:" on the sandbox.
-class EmulatedDevice : public DeviceConnection
+class EmulatedDevice : public DeviceConnection, private DeviceStreams
 {
     Q_OBJECT
 
@@ -31,13 +23,12 @@ public:
 
     const DeviceProfile& profile() const { return m_profile; }
 
-    // Called by the services of this device.
-    void streamSend(quint32 localId, const QByteArray& data);
-    bool streamCongested(quint32 localId) const;
-    void streamAcknowledge(quint32 localId);
-    void streamFinish(quint32 localId);
-
 private:
+    void streamSend(quint32 localId, const QByteArray& data) override;
+    bool streamCongested(quint32 localId) const override;
+    void streamAcknowledge(quint32 localId) override;
+    void streamFinish(quint32 localId) override;
+
     void pump();
     void handle(const AdbDeviceProtocol::Event& event);
     DeviceService* createService(const QByteArray& name, quint32 localId);

@@ -1,7 +1,5 @@
 #include "shellservice.h"
 
-#include "emulateddevice.h"
-
 #include <QDir>
 
 #include <signal.h>
@@ -16,8 +14,10 @@ constexpr qint64 MAX_UNWRITTEN_INPUT = 1024 * 1024;
 
 } // namespace
 
-ShellService::ShellService(EmulatedDevice* device, quint32 localId, const QString& command)
-    : DeviceService(device, localId)
+ShellService::ShellService(DeviceStreams* streams, quint32 localId, const DeviceProfile& profile,
+                           const QString& command, QObject* parent)
+    : DeviceService(streams, localId, parent)
+    , m_profile(profile)
     , m_command(command)
 { }
 
@@ -28,7 +28,7 @@ ShellService::~ShellService()
 
 void ShellService::start()
 {
-    const DeviceProfile& profile = m_device->profile();
+    const DeviceProfile& profile = m_profile;
     m_process = new QProcess(this);
     m_process->setProcessChannelMode(QProcess::MergedChannels);
     m_process->setWorkingDirectory(profile.sandboxDir);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "deviceprofile.h"
 #include "deviceservice.h"
 
 #include <QProcess>
@@ -12,7 +13,8 @@ class ShellService : public DeviceService
     Q_OBJECT
 
 public:
-    ShellService(EmulatedDevice* device, quint32 localId, const QString& command);
+    ShellService(DeviceStreams* streams, quint32 localId, const DeviceProfile& profile,
+                 const QString& command, QObject* parent);
     ~ShellService() override;
 
     void start() override;
@@ -30,6 +32,7 @@ private:
     void drain();
     void signalGroup(int signal);
 
+    DeviceProfile m_profile;
     QString m_command;
     QProcess* m_process = nullptr;
     int m_unacknowledged = 0;

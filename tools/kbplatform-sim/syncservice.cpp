@@ -25,8 +25,8 @@ QByteArray statReply(quint32 id, const struct stat* st)
 
 } // namespace
 
-SyncService::SyncService(EmulatedDevice* device, quint32 localId, const QString& sandboxDir)
-    : DeviceService(device, localId)
+SyncService::SyncService(DeviceStreams* streams, quint32 localId, const QString& sandboxDir, QObject* parent)
+    : DeviceService(streams, localId, parent)
     , m_sandbox(sandboxDir)
 { }
 

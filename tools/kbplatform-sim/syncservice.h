@@ -15,7 +15,7 @@ class SyncService : public DeviceService
     Q_OBJECT
 
 public:
-    SyncService(EmulatedDevice* device, quint32 localId, const QString& sandboxDir);
+    SyncService(DeviceStreams* streams, quint32 localId, const QString& sandboxDir, QObject* parent);
     ~SyncService() override;
 
     void start() override { }
