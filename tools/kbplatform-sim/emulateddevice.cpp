@@ -1,5 +1,6 @@
 #include "emulateddevice.h"
 
+#include "shellprotocol.h"
 #include "shellservice.h"
 #include "syncservice.h"
 
@@ -18,7 +19,7 @@ qsizetype congestionLimit(quint32 maxPayload)
 EmulatedDevice::EmulatedDevice(const DeviceProfile& profile, QObject* parent)
     : DeviceConnection(parent)
     , m_profile(profile)
-    , m_protocol(profile.banner)
+    , m_protocol(profile.cnxnBanner())
 { }
 
 EmulatedDevice::~EmulatedDevice()
@@ -144,18 +145,39 @@ void EmulatedDevice::handle(const AdbDeviceProtocol::Event& event)
 
 DeviceService* EmulatedDevice::createService(const QByteArray& name, quint32 localId)
 {
-    if (name.startsWith("shell:") || name.startsWith("shell,")) {
-        // Options after "shell," select the v2 protocol, which this device does not advertise;
-        // a host that asks anyway gets the plain stream.
+    if (name == "sync:")
+        return new SyncService(this, localId, m_profile.sandboxDir, m_profile.isModern(), this);
+    if (name.startsWith("exec:"))
+        return new ShellService(this, localId, m_profile, ShellLaunch::shell(QString::fromUtf8(name.mid(5))),
+                                this);
+    if (!m_profile.isModern()) {
+        if (!name.startsWith("shell:") && !name.startsWith("shell,"))
+            return nullptr;
+        // An old device knows no shell arguments: whatever the host asks, a plain stream.
         const qsizetype colon = name.indexOf(':');
         if (colon < 0)
             return nullptr;
-        return new ShellService(this, localId, m_profile, QString::fromUtf8(name.mid(colon + 1)), this);
+        return new ShellService(this, localId, m_profile,
+                                ShellLaunch::shell(QString::fromUtf8(name.mid(colon + 1))), this);
     }
-    if (name.startsWith("exec:"))
-        return new ShellService(this, localId, m_profile, QString::fromUtf8(name.mid(5)), this);
-    if (name == "sync:")
-        return new SyncService(this, localId, m_profile.sandboxDir, this);
+    if (const auto request = ShellRequest::parse(name)) {
+        ShellLaunch launch = ShellLaunch::shell(request->command);
+        launch.shellProtocol = request->shellProtocol;
+        launch.pty = request->pty;
+        launch.term = request->term;
+        return new ShellService(this, localId, m_profile, launch, this);
+    }
+    // "abb:" and "abb_exec:" (services.txt) run a binder service's command, its arguments
+    // separated by NULs; "cmd" plays the binder services here.
+    const bool abbExec = name.startsWith("abb_exec:");
+    if (abbExec || name.startsWith("abb:")) {
+        ShellLaunch launch;
+        launch.program = m_profile.binDir + QStringLiteral("/cmd");
+        for (const QByteArray& argument : name.mid(name.indexOf(':') + 1).split('\0'))
+            launch.arguments << QString::fromUtf8(argument);
+        launch.shellProtocol = !abbExec;
+        return new ShellService(this, localId, m_profile, launch, this);
+    }
     return nullptr;
 }
 
