@@ -35,7 +35,8 @@ grep -qx "package:$name" "$db" || echo "package:$name" >> "$db"
 echo Success
 )SH";
 
-constexpr char REMOUNT_SCRIPT[] = "#!/bin/sh\necho \"remount: not supported on the emulated device\" >&2\nexit 1\n";
+constexpr char REMOUNT_SCRIPT[]
+    = "#!/bin/sh\necho \"remount: not supported on the emulated device\" >&2\nexit 1\n";
 
 } // namespace
 
@@ -49,7 +50,7 @@ QByteArray DeviceProfile::features(DeviceDialect dialect)
     // What an Android 14 device advertises, less what this device does not do: sendrecv_v2 and
     // its compression variants (no host here speaks it), track_app (no app processes to track).
     return "shell_v2,cmd,stat_v2,ls_v2,fixed_push_mkdir,apex,abb,fixed_push_symlink_timestamp,abb_exec,"
-           "remount_shell,openscreen_mdns";
+           "remount_shell,openscreen_mdns,delayed_ack";
 }
 
 QByteArray DeviceProfile::cnxnBanner() const

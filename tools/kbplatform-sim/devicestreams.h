@@ -3,6 +3,10 @@
 #include <QByteArray>
 #include <QtGlobal>
 
+#include <functional>
+
+class DeviceService;
+
 // What a service of the emulated device sees of the ADB connection that carries it: streams,
 // named by the device's local id. Services reach the host through this alone, so that they
 // know nothing of the device that created them.
@@ -17,6 +21,11 @@ public:
     virtual void streamAcknowledge(quint32 localId) = 0;
     // Closes the stream after what was queued.
     virtual void streamFinish(quint32 localId) = 0;
+    // Opens a stream to the host for destination, served by what create makes for its id;
+    // the service starts once the host accepts, and is stopped if it refuses. 0 when offline.
+    virtual quint32 streamOpen(const QByteArray& destination,
+                               const std::function<DeviceService*(quint32 localId)>& create)
+        = 0;
 
 protected:
     ~DeviceStreams() = default;

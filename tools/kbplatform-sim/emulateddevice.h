@@ -8,8 +8,9 @@
 #include <map>
 
 class DeviceService;
+class ReverseForwarder;
 
-// The device side of one ADB connection: "shell:", "exec:" and "sync:" on the sandbox.
+// The device side of one ADB connection: its services on the sandbox, and its reverse forwards.
 class EmulatedDevice : public DeviceConnection, private DeviceStreams
 {
     Q_OBJECT
@@ -28,6 +29,8 @@ private:
     bool streamCongested(quint32 localId) const override;
     void streamAcknowledge(quint32 localId) override;
     void streamFinish(quint32 localId) override;
+    quint32 streamOpen(const QByteArray& destination,
+                       const std::function<DeviceService*(quint32 localId)>& create) override;
 
     void pump();
     void handle(const AdbDeviceProtocol::Event& event);
@@ -37,6 +40,7 @@ private:
     DeviceProfile m_profile;
     AdbDeviceProtocol m_protocol;
     std::map<quint32, DeviceService*> m_services;
+    ReverseForwarder* m_reverse = nullptr;
     bool m_pumping = false;
     bool m_closed = false;
 };
