@@ -152,7 +152,8 @@ void WebSocketSession::authenticate(const QString& message)
     m_socket->sendTextMessage(jsonText({ { QStringLiteral("connection"), QStringLiteral("SUCCESS") } }));
     if (const auto pending = m_host->takePendingClose())
         scheduleClose(*pending);
-    applyCloudFault(m_host->cloudFault());
+    if (m_host->cloudFault().mode != SessionHost::CloudFault::Mode::None)
+        applyCloudFault(m_host->cloudFault());
 }
 
 void WebSocketSession::refuse(const QString& message)
