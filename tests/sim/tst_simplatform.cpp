@@ -4,12 +4,18 @@
 
 #include "adbprotocol/AdbPacket.h"
 
+#include <QElapsedTimer>
+#include <QFile>
 #include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QSignalSpy>
+#include <QtEndian>
 #include <QTest>
 #include <QWebSocket>
+
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 
 namespace {
 
@@ -47,6 +53,74 @@ struct Tunnel
     }
 };
 
+// A client frame: masked unless told otherwise; `announced` lies about the payload's length.
+QByteArray clientFrame(quint8 finAndOpcode, const QByteArray& payload, bool masked = true,
+                       qint64 announced = -1)
+{
+    const quint64 length = announced < 0 ? quint64(payload.size()) : quint64(announced);
+    QByteArray frame(1, char(finAndOpcode));
+    const char mask = masked ? char(0x80) : char(0);
+    char bytes[8];
+    if (length < 126) {
+        frame.append(char(mask | char(length)));
+    } else {
+        frame.append(char(mask | 127));
+        qToBigEndian<quint64>(length, bytes);
+        frame.append(bytes, 8);
+    }
+    if (!masked)
+        return frame + payload;
+    const QByteArray key = "\x12\x34\x56\x78";
+    QByteArray body = payload;
+    for (qsizetype i = 0; i < body.size(); ++i)
+        body[i] = char(body.at(i) ^ key.at(i & 3));
+    return frame + key + body;
+}
+
+// An instance WebSocket spoken byte by byte: exactly what the cloud half sends, and what
+// QWebSocket would never send.
+struct RawTunnel
+{
+    QTcpSocket socket;
+
+    // Exactly `size` bytes, or fewer when nothing more comes within the timeout.
+    QByteArray read(qint64 size, int timeoutMs = 10000)
+    {
+        QByteArray bytes;
+        while (bytes.size() < size) {
+            if (socket.bytesAvailable() == 0 && !socket.waitForReadyRead(timeoutMs))
+                break;
+            bytes += socket.read(size - bytes.size());
+        }
+        return bytes;
+    }
+    // The close code of the close frame that comes next; 0 for anything else.
+    int closeCode()
+    {
+        const QByteArray header = read(4);
+        return header.size() == 4 && quint8(header.at(0)) == 0x88
+            ? qFromBigEndian<quint16>(reinterpret_cast<const uchar*>(header.constData() + 2))
+            : 0;
+    }
+    qint64 kernelSendQueue() const
+    {
+        int queued = 0;
+        return ioctl(int(socket.socketDescriptor()), SIOCOUTQ, &queued) == 0 ? queued : -1;
+    }
+};
+
+qint64 residentBytes(qint64 pid)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').at(0).toLongLong() * 1024;
+    }
+    return -1;
+}
+
 } // namespace
 
 class TestSimPlatform : public QObject
@@ -64,8 +138,14 @@ private Q_SLOTS:
     void adbOverWebSocket_data();
     void adbOverWebSocket();
     void stopEndsShellsAndSandbox();
+    void frameRules_data();
+    void frameRules();
+    void cloudFaults_data();
+    void cloudFaults();
+    void cleanup();
 
 private:
+    std::unique_ptr<RawTunnel> openRawTunnel();
     HttpResult http(const QByteArray& verb, const QString& path, const QByteArray& body = QByteArray(),
                     const QByteArray& apiToken = QByteArray(), int timeoutMs = 0,
                     const QString& base = QString());
@@ -137,6 +217,148 @@ std::unique_ptr<Tunnel> TestSimPlatform::openTunnel(const SimProcess& sim, int i
     return tunnel;
 }
 
+std::unique_ptr<RawTunnel> TestSimPlatform::openRawTunnel()
+{
+    auto tunnel = std::make_unique<RawTunnel>();
+    const QUrl url(m_sim.instance().value(QStringLiteral("adb_url")).toString());
+    tunnel->socket.connectToHost(url.host(), quint16(url.port()));
+    if (!tunnel->socket.waitForConnected(10000))
+        return nullptr;
+    // The nonce and answer of RFC 6455 1.3's example.
+    tunnel->socket.write(
+        "GET " + url.path().toLatin1()
+        + " HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+          "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
+    QByteArray head;
+    while (!head.endsWith("\r\n\r\n")) {
+        const QByteArray byte = tunnel->read(1);
+        if (byte.isEmpty())
+            return nullptr;
+        head += byte;
+    }
+    if (!head.startsWith("HTTP/1.1 101 ")
+        || !head.contains("Sec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo="))
+        return nullptr;
+    tunnel->socket.write(clientFrame(0x81, authMessage(accessToken(m_sim, 0), 1).toUtf8()));
+    const QByteArray header = tunnel->read(2);
+    if (header.size() != 2 || quint8(header.at(0)) != 0x81)
+        return nullptr;
+    return tunnel->read(header.at(1)).contains("SUCCESS") ? std::move(tunnel) : nullptr;
+}
+
+void TestSimPlatform::cleanup()
+{
+    admin(QStringLiteral("reset"));
+}
+
+void TestSimPlatform::frameRules_data()
+{
+    QTest::addColumn<QByteArray>("send");
+    QTest::addColumn<QByteArray>("pong"); // expected answer; empty: a close frame with closeCode
+    QTest::addColumn<int>("closeCode");
+
+    const qint64 limit = 16 * 1024 * 1024;
+    QTest::newRow("ping answered with its data")
+        << clientFrame(0x89, "hello") << QByteArray("\x8A\x05hello") << 0;
+    QTest::newRow("frame announcing more than 16 MiB")
+        << clientFrame(0x82, {}, true, limit + 1) << QByteArray() << 1009;
+    QTest::newRow("fragments adding up to more than 16 MiB") << clientFrame(0x02, QByteArray(limit / 2, 'a'))
+            + clientFrame(0x00, QByteArray(limit / 2, 'b'))
+            + clientFrame(0x80, {}, true, 1) << QByteArray() << 1009;
+    QTest::newRow("unmasked frame") << clientFrame(0x82, "abc", false) << QByteArray() << 1002;
+    QTest::newRow("reserved bits") << clientFrame(0xC2, "abc") << QByteArray() << 1002;
+}
+
+void TestSimPlatform::frameRules()
+{
+    QFETCH(QByteArray, send);
+    QFETCH(QByteArray, pong);
+    QFETCH(int, closeCode);
+    auto tunnel = openRawTunnel();
+    QVERIFY(tunnel);
+    tunnel->socket.write(send);
+    if (!pong.isEmpty())
+        QCOMPARE(tunnel->read(pong.size()), pong);
+    else
+        QCOMPARE(tunnel->closeCode(), closeCode);
+}
+
+void TestSimPlatform::cloudFaults_data()
+{
+    QTest::addColumn<QString>("mode");
+    QTest::addColumn<bool>("armFirst"); // armed before the WebSocket opens, else while it relays
+    QTest::newRow("stall") << QStringLiteral("stall") << false;
+    QTest::newRow("read throttle") << QStringLiteral("read-throttle") << false;
+    QTest::newRow("oversized frame") << QStringLiteral("oversized-frame") << true;
+    QTest::newRow("endless fragments") << QStringLiteral("endless-fragments") << false;
+    QTest::newRow("garbage") << QStringLiteral("garbage") << true;
+}
+
+void TestSimPlatform::cloudFaults()
+{
+    QFETCH(QString, mode);
+    QFETCH(bool, armFirst);
+    const qint64 rate = 20000;
+    const auto arm = [&](const QString& armed) {
+        return admin(QStringLiteral("cloud-fault"),
+                     QStringLiteral(R"({"instance_uuid":"%1","mode":"%2","bytes_per_second":%3})")
+                         .arg(m_uuid, armed)
+                         .arg(rate)
+                         .toUtf8())
+            .body.value(QStringLiteral("instances"))[0][QStringLiteral("cloud_fault")][QStringLiteral("mode")]
+            .toString();
+    };
+    std::unique_ptr<RawTunnel> tunnel;
+    if (!armFirst)
+        QVERIFY(tunnel = openRawTunnel());
+    QCOMPARE(arm(mode), mode);
+    if (armFirst)
+        QVERIFY(tunnel = openRawTunnel());
+
+    if (mode == QLatin1String("stall")) {
+        tunnel->socket.write(clientFrame(0x89, "stalled?"));
+        QVERIFY(!tunnel->socket.waitForReadyRead(1000));
+        QCOMPARE(tunnel->socket.state(), QAbstractSocket::ConnectedState);
+        QCOMPARE(arm(QStringLiteral("none")), QStringLiteral("none"));
+        QCOMPARE(tunnel->read(10), QByteArray("\x8A\x08stalled?"));
+    } else if (mode == QLatin1String("read-throttle")) {
+        // About a second's worth of pings: the pongs measure how fast the cloud reads.
+        const int pings = 150;
+        const QByteArray ping = clientFrame(0x89, QByteArray(125, 'p'));
+        QElapsedTimer clock;
+        clock.start();
+        for (int i = 0; i < pings; ++i)
+            tunnel->socket.write(ping);
+        QCOMPARE(tunnel->read(qint64(pings) * 127).size(), qint64(pings) * 127);
+        const double seconds = double(clock.elapsed()) / 1000;
+        QVERIFY2(seconds > 0.6 * pings * ping.size() / rate && seconds < 5,
+                 qPrintable(QStringLiteral("%1 s for %2 bytes").arg(seconds).arg(pings * ping.size())));
+        // A frame that goes on: the bytes the cloud does not read stay in our kernel's send queue.
+        tunnel->socket.write(clientFrame(0x82, QByteArray(4 * 1024 * 1024, 'd'), true, 8 * 1024 * 1024));
+        QTRY_VERIFY_WITH_TIMEOUT(tunnel->kernelSendQueue() > 512 * 1024, 10000);
+    } else if (mode == QLatin1String("oversized-frame")) {
+        QCOMPARE(tunnel->read(10), QByteArray("\x82\x7F\0\0\0\0\x20\0\0\0", 10));
+        qint64 received = 0;
+        while (received < 64 * 1024 * 1024) {
+            const QByteArray chunk = tunnel->read(1024 * 1024);
+            QVERIFY(!chunk.isEmpty());
+            received += chunk.size();
+        }
+        const qint64 rss = residentBytes(m_sim.process().processId());
+        QVERIFY2(rss > 0 && rss < 128 * 1024 * 1024, qPrintable(QString::number(rss)));
+    } else if (mode == QLatin1String("endless-fragments")) {
+        for (int frame = 0; frame < 40; ++frame) {
+            const QByteArray header = tunnel->read(10);
+            QCOMPARE(quint8(header.at(0)), quint8(frame == 0 ? 0x02 : 0x00)); // never FIN
+            QCOMPARE(qFromBigEndian<quint64>(reinterpret_cast<const uchar*>(header.constData() + 2)), 65536u);
+            QCOMPARE(tunnel->read(65536).size(), 65536);
+        }
+    } else {
+        QCOMPARE(quint8(tunnel->read(1).at(0)), quint8(0x73)); // reserved bits and opcode
+        QCOMPARE(tunnel->read(65535).size(), 65535);
+    }
+}
+
 void TestSimPlatform::badCommandLine()
 {
     SimProcess sim;
@@ -171,6 +393,10 @@ void TestSimPlatform::restErrors_data()
     row("instance details, no credentials", "GET", QStringLiteral("/v1/instances/") + m_uuid, {}, {}, 401);
     row("unknown path", "GET", QStringLiteral("/v2/whatever"), {}, API_TOKEN, 404);
     row("unknown admin path", "POST", QStringLiteral("/_sim/nothing"), "{}", {}, 404);
+    row("cloud fault, unknown mode", "POST", QStringLiteral("/_sim/cloud-fault"), R"({"mode":"slow"})", {},
+        400);
+    row("cloud fault, zero rate", "POST", QStringLiteral("/_sim/cloud-fault"),
+        R"({"mode":"read-throttle","bytes_per_second":0})", {}, 400);
 }
 
 void TestSimPlatform::restErrors()

@@ -307,6 +307,24 @@ void PlatformHttpServer::handleAdmin(const QHttpServerRequest& request, QTcpSock
         return reply(request, socket, stateJson());
     }
 
+    if (path == QLatin1String("/_sim/cloud-fault") && isPost) {
+        SessionHost::CloudFault fault;
+        const QString mode = body->value(QStringLiteral("mode")).toString();
+        const auto parsed = SessionHost::CloudFault::modeFromName(mode);
+        if (!parsed)
+            return replyError(request, socket, Status::BadRequest,
+                              QStringLiteral("\"mode\" must be \"none\", \"read-throttle\", \"stall\", "
+                                             "\"oversized-frame\", \"endless-fragments\" or \"garbage\""));
+        fault.mode = *parsed;
+        fault.bytesPerSecond
+            = intField("bytes_per_second", SessionHost::CloudFault::DEFAULT_RATE, 1, qint64(1) << 40, &error);
+        if (!error.isEmpty())
+            return replyError(request, socket, Status::BadRequest, error);
+        for (SimInstance* instance : targets)
+            instance->setCloudFault(fault);
+        return reply(request, socket, stateJson());
+    }
+
     if (path == QLatin1String("/_sim/expire-sessions") && isPost) {
         m_simulator->expireSessions();
         return reply(request, socket, stateJson());
@@ -316,6 +334,7 @@ void PlatformHttpServer::handleAdmin(const QHttpServerRequest& request, QTcpSock
         m_simulator->faults()->clear();
         for (SimInstance* instance : m_simulator->instances()) {
             instance->takePendingClose();
+            instance->setCloudFault({});
             instance->setLink(m_simulator->config().rttMs, m_simulator->config().bandwidthKbps);
         }
         return reply(request, socket, stateJson());

@@ -2,9 +2,12 @@
 
 #include "faultinjector.h"
 #include "platformhttpserver.h"
+#include "platformtcpserver.h"
 #include "requestlog.h"
 #include "siminstance.h"
+#include "websocketconnection.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QHostAddress>
@@ -12,10 +15,10 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QSslKey>
 #include <QUrl>
 #include <QUuid>
-#include <QWebSocket>
 
 namespace {
 
@@ -45,8 +48,6 @@ PlatformSimulator::PlatformSimulator(const SimConfig& config, QObject* parent)
         m_config.apiToken = QStringLiteral("kbsim-api-") + randomSecret();
     if (m_config.password.isEmpty())
         m_config.password = randomSecret();
-    connect(m_server, &PlatformHttpServer::newWebSocketConnection, this,
-            &PlatformSimulator::onNewWebSocketConnection);
 }
 
 PlatformSimulator::~PlatformSimulator()
@@ -94,9 +95,18 @@ bool PlatformSimulator::start(QString* error)
             *error = QStringLiteral("invalid TLS certificate or key (PEM expected)");
             return false;
         }
-        m_server->sslSetup(certificate, key);
+        QSslConfiguration ssl = QSslConfiguration::defaultConfiguration();
+        ssl.setLocalCertificate(certificate);
+        ssl.setPrivateKey(key);
+        ssl.setPeerVerifyMode(QSslSocket::VerifyNone);
+        m_listener = new PlatformTcpServer(this);
+        m_listener->setSslConfiguration(ssl);
         m_tls = true;
     }
+    if (!m_listener)
+        m_listener = new PlatformTcpServer(this);
+    connect(m_listener, &PlatformTcpServer::webSocketRequested, this,
+            &PlatformSimulator::onWebSocketRequested);
 
     QHostAddress address;
     if (m_config.listenHost == QLatin1String("localhost"))
@@ -106,11 +116,12 @@ bool PlatformSimulator::start(QString* error)
                      .arg(m_config.listenHost);
         return false;
     }
-    m_port = m_server->listen(address, m_config.listenPort);
-    if (m_port == 0) {
+    if (!m_listener->listen(address, m_config.listenPort)) {
         *error = QStringLiteral("cannot listen on %1:%2").arg(m_config.listenHost).arg(m_config.listenPort);
         return false;
     }
+    m_port = m_listener->serverPort();
+    m_server->bind(m_listener);
 
     for (int i = 0; i < m_config.instances; ++i) {
         SimInstance::Settings settings;
@@ -225,30 +236,41 @@ void PlatformSimulator::expireSessions()
         expiry = past;
 }
 
-void PlatformSimulator::onNewWebSocketConnection()
+void PlatformSimulator::onWebSocketRequested(QTcpSocket* socket, const HttpHead& head)
 {
-    while (m_server->hasPendingWebSocketConnections()) {
-        QWebSocket* socket = m_server->nextPendingWebSocketConnection().release();
-        const QString path = socket->requestUrl().path();
-        const QNetworkRequest request = socket->request();
-        QList<QPair<QByteArray, QByteArray>> headers;
-        for (const QByteArray& name : request.rawHeaderList())
-            headers.append({ name, request.rawHeader(name) });
-        const qint64 logIndex
-            = m_log->record(QStringLiteral("GET"), path, socket->requestUrl().query(), headers, {});
-
-        const QStringList parts = path.split(QLatin1Char('/'));
-        // "/v1/instances/<uuid>/adb"
-        SimInstance* target = parts.size() == 5 && parts.at(1) == QLatin1String("v1")
-                && parts.at(2) == QLatin1String("instances") && parts.at(4) == QLatin1String("adb")
-            ? instance(parts.at(3))
-            : nullptr;
-        if (!target) {
-            socket->setParent(this);
-            connect(socket, &QWebSocket::disconnected, socket, &QObject::deleteLater);
-            socket->close(QWebSocketProtocol::CloseCodePolicyViolated, QStringLiteral("Unknown instance"));
-            continue;
-        }
-        target->acceptWebSocket(socket, logIndex);
+    const QUrl url(QString::fromLatin1(head.target));
+    const QString path = url.path();
+    const qint64 logIndex
+        = m_log->record(QString::fromLatin1(head.method), path, url.query(), head.headers, {});
+    const QByteArray key = head.value("sec-websocket-key");
+    // RFC 6455 4.2.1: a GET with a 16-byte nonce, version 13; anything else is refused.
+    if (head.method != "GET" || QByteArray::fromBase64(key).size() != 16
+        || head.value("sec-websocket-version") != "13") {
+        socket->write("HTTP/1.1 400 Bad Request\r\nSec-WebSocket-Version: 13\r\nContent-Length: 0\r\n"
+                      "Connection: close\r\n\r\n");
+        connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        socket->disconnectFromHost();
+        return;
     }
+    const QByteArray accept
+        = QCryptographicHash::hash(key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11", QCryptographicHash::Sha1)
+              .toBase64();
+    socket->write("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                  "Sec-WebSocket-Accept: "
+                  + accept + "\r\n\r\n");
+    auto* connection = new WebSocketConnection(socket, nullptr);
+
+    const QStringList parts = path.split(QLatin1Char('/'));
+    // "/v1/instances/<uuid>/adb"
+    SimInstance* target = parts.size() == 5 && parts.at(1) == QLatin1String("v1")
+            && parts.at(2) == QLatin1String("instances") && parts.at(4) == QLatin1String("adb")
+        ? instance(parts.at(3))
+        : nullptr;
+    if (!target) {
+        connection->setParent(this);
+        connect(connection, &WebSocketConnection::disconnected, connection, &QObject::deleteLater);
+        connection->close(1008, QStringLiteral("Unknown instance"));
+        return;
+    }
+    target->acceptWebSocket(connection, logIndex);
 }

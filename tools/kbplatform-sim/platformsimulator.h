@@ -13,6 +13,9 @@
 
 class FaultInjector;
 class PlatformHttpServer;
+class PlatformTcpServer;
+class QTcpSocket;
+struct HttpHead;
 class RequestLog;
 class SimInstance;
 
@@ -49,7 +52,7 @@ public:
     int sessionCount() const { return int(m_sessions.size()); }
 
 private Q_SLOTS:
-    void onNewWebSocketConnection();
+    void onWebSocketRequested(QTcpSocket* socket, const HttpHead& head);
 
 private:
     QString advertisedHost() const;
@@ -62,6 +65,7 @@ private:
     FaultInjector* m_faults;
     RequestLog* m_log;
     PlatformHttpServer* m_server;
+    PlatformTcpServer* m_listener = nullptr;
     QList<SimInstance*> m_instances;
     std::map<QString, QDateTime> m_sessions; // token -> expiry (invalid: never)
 };

@@ -2,13 +2,13 @@
 
 #include "deviceportserver.h"
 #include "tcpdevicerelay.h"
+#include "websocketconnection.h"
 #include "websocketsession.h"
 
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QUuid>
-#include <QWebSocket>
 
 namespace {
 
@@ -161,12 +161,16 @@ QJsonObject SimInstance::toJson() const
         if (session && session->isRelaying())
             ++relaying;
     }
+    QJsonObject cloudFaultJson { { QStringLiteral("mode"), m_cloudFault.modeName() } };
+    if (m_cloudFault.mode == CloudFault::Mode::ReadThrottle)
+        cloudFaultJson.insert(QStringLiteral("bytes_per_second"), m_cloudFault.bytesPerSecond);
     return QJsonObject { { QStringLiteral("uuid"), m_settings.uuid },
                          { QStringLiteral("device_port"), devicePort() },
                          { QStringLiteral("sandbox"), m_settings.sandboxDir },
                          { QStringLiteral("rtt_ms"), m_settings.rttMs },
                          { QStringLiteral("bandwidth_kbps"), m_settings.bandwidthKbps },
-                         { QStringLiteral("websockets"), relaying } };
+                         { QStringLiteral("websockets"), relaying },
+                         { QStringLiteral("cloud_fault"), cloudFaultJson } };
 }
 
 QString SimInstance::issueAccessToken()
@@ -196,10 +200,10 @@ DeviceConnection* SimInstance::createDevice(QObject* parent) const
     return new EmulatedDevice(m_profile, parent);
 }
 
-void SimInstance::acceptWebSocket(QWebSocket* socket, qint64 logIndex)
+void SimInstance::acceptWebSocket(WebSocketConnection* socket, qint64 logIndex)
 {
     m_sessions.removeAll(nullptr);
-    auto* session = new WebSocketSession(socket, this, m_faults, m_log, logIndex);
+    auto* session = new WebSocketSession(socket, this, m_faults, m_log, logIndex, this);
     m_sessions.append(session);
 }
 
@@ -210,6 +214,15 @@ void SimInstance::setLink(int rttMs, qint64 bandwidthKbps)
     for (const auto& session : m_sessions) {
         if (session)
             session->setLink(rttMs, bandwidthKbps);
+    }
+}
+
+void SimInstance::setCloudFault(const CloudFault& fault)
+{
+    m_cloudFault = fault;
+    for (const auto& session : m_sessions) {
+        if (session)
+            session->applyCloudFault(fault);
     }
 }
 

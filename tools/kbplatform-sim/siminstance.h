@@ -1,6 +1,7 @@
 #pragma once
 
 #include "emulateddevice.h"
+#include "sessionhost.h"
 
 #include <QDateTime>
 #include <QHostAddress>
@@ -16,13 +17,13 @@
 class DeviceConnection;
 class DevicePortServer;
 class FaultInjector;
-class QWebSocket;
 class RequestLog;
+class WebSocketConnection;
 class WebSocketSession;
 
 // One cloud instance: its device (emulated, or a relay to a real adbd), the device's raw TCP
 // port, the access tokens issued for it, its link model settings and its open WebSockets.
-class SimInstance : public QObject
+class SimInstance : public QObject, public SessionHost
 {
     Q_OBJECT
 
@@ -37,13 +38,6 @@ public:
         int rttMs = 0;
         qint64 bandwidthKbps = 0;
     };
-    struct CloseRequest
-    {
-        qint64 afterBytes = 0;
-        int code = 1001;
-        QString reason;
-        bool abort = false;
-    };
 
     static constexpr int MAX_ACCESS_TOKENS = 256;
     static constexpr qint64 ACCESS_TOKEN_TTL_MS = 10 * 60 * 1000;
@@ -53,22 +47,25 @@ public:
 
     bool start(const QHostAddress& address, QString* error);
 
-    QString uuid() const { return m_settings.uuid; }
+    QString uuid() const override { return m_settings.uuid; }
     quint16 devicePort() const;
     QJsonObject toJson() const;
 
     QString issueAccessToken();
-    bool isAccessTokenValid(const QString& token);
+    bool isAccessTokenValid(const QString& token) override;
 
-    DeviceConnection* createDevice(QObject* parent) const;
-    void acceptWebSocket(QWebSocket* socket, qint64 logIndex);
+    DeviceConnection* createDevice(QObject* parent) const override;
+    void acceptWebSocket(WebSocketConnection* socket, qint64 logIndex);
 
     void setLink(int rttMs, qint64 bandwidthKbps);
-    int rttMs() const { return m_settings.rttMs; }
-    qint64 bandwidthKbps() const { return m_settings.bandwidthKbps; }
+    int rttMs() const override { return m_settings.rttMs; }
+    qint64 bandwidthKbps() const override { return m_settings.bandwidthKbps; }
+    // Applies to the WebSockets relaying now and to later ones, until changed.
+    void setCloudFault(const CloudFault& fault);
+    CloudFault cloudFault() const override { return m_cloudFault; }
     // Applies to the WebSockets relaying now; with none, to the next one to authenticate.
     void closeWebSockets(const CloseRequest& request);
-    std::optional<CloseRequest> takePendingClose();
+    std::optional<CloseRequest> takePendingClose() override;
 
 private:
     bool writeSupportFiles(QString* error);
@@ -81,4 +78,5 @@ private:
     std::map<QString, QDateTime> m_accessTokens;
     QList<QPointer<WebSocketSession>> m_sessions;
     std::optional<CloseRequest> m_pendingClose;
+    CloudFault m_cloudFault;
 };

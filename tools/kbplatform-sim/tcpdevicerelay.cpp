@@ -16,6 +16,9 @@ TcpDeviceRelay::TcpDeviceRelay(const QString& host, quint16 port, QObject* paren
     connect(m_socket, &QTcpSocket::errorOccurred, this, [this](QAbstractSocket::SocketError) {
         finish(QStringLiteral("device connection: %1").arg(m_socket->errorString()));
     });
+    // Each write is an ADB message: with Nagle a small one waits for a delayed ACK.
+    connect(m_socket, &QTcpSocket::connected, this,
+            [this] { m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1); });
     m_socket->connectToHost(host, port);
 }
 

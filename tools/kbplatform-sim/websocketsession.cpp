@@ -4,13 +4,14 @@
 #include "faultinjector.h"
 #include "linkmodel.h"
 #include "requestlog.h"
+#include "websocketconnection.h"
 
 #include "adbprotocol/AdbPacket.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRandomGenerator>
 #include <QTimer>
-#include <QWebSocket>
 
 namespace {
 
@@ -19,25 +20,64 @@ QString jsonText(const QJsonObject& object)
     return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
 }
 
+constexpr qint64 OVERSIZED_LENGTH = 512LL * 1024 * 1024;
+
+// The bytes of a misbehaving cloud, produced chunk by chunk as the socket drains.
+std::function<QByteArray()> rawStream(SessionHost::CloudFault::Mode mode)
+{
+    using Mode = SessionHost::CloudFault::Mode;
+    using Opcode = WebSocketFrameReader::Opcode;
+    const QByteArray filler(WebSocketConnection::RAW_CHUNK, 'k');
+    switch (mode) {
+    case Mode::OversizedFrame:
+        return [filler, sent = qint64(-1)]() mutable {
+            if (sent < 0) {
+                sent = 0;
+                return encodeWebSocketHeader(Opcode::Binary, OVERSIZED_LENGTH);
+            }
+            const qint64 size = qMin<qint64>(filler.size(), OVERSIZED_LENGTH - sent);
+            sent += size;
+            return filler.left(size);
+        };
+    case Mode::EndlessFragments:
+        return [filler, first = true]() mutable {
+            const Opcode opcode = std::exchange(first, false) ? Opcode::Binary : Opcode::Continuation;
+            return encodeWebSocketFrame(opcode, filler, false);
+        };
+    case Mode::Garbage:
+        return [first = true]() mutable {
+            QByteArray bytes(WebSocketConnection::RAW_CHUNK, Qt::Uninitialized);
+            QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(bytes.data()),
+                                                  bytes.size() / qsizetype(sizeof(quint32)));
+            // RSV bits and a reserved opcode: whatever follows, the first header is invalid.
+            if (std::exchange(first, false))
+                bytes[0] = char(0x73);
+            return bytes;
+        };
+    default:
+        return {};
+    }
+}
+
 } // namespace
 
-WebSocketSession::WebSocketSession(QWebSocket* socket, SimInstance* instance, FaultInjector* faults,
-                                   RequestLog* log, qint64 logIndex)
-    : QObject(instance)
+WebSocketSession::WebSocketSession(WebSocketConnection* socket, SessionHost* host, FaultInjector* faults,
+                                   RequestLog* log, qint64 logIndex, QObject* parent)
+    : QObject(parent)
     , m_socket(socket)
-    , m_instance(instance)
+    , m_host(host)
     , m_faults(faults)
     , m_log(log)
     , m_logIndex(logIndex)
     , m_handshakeTimer(new QTimer(this))
 {
     m_socket->setParent(this);
-    m_socket->setMaxAllowedIncomingFrameSize(MAX_MESSAGE);
-    m_socket->setMaxAllowedIncomingMessageSize(MAX_MESSAGE);
-    connect(m_socket, &QWebSocket::textMessageReceived, this, &WebSocketSession::onTextMessageReceived);
-    connect(m_socket, &QWebSocket::binaryMessageReceived, this, &WebSocketSession::onBinaryMessageReceived);
-    connect(m_socket, &QWebSocket::disconnected, this, &WebSocketSession::onDisconnected);
-    connect(m_socket, &QWebSocket::bytesWritten, this, &WebSocketSession::updateCongestion);
+    connect(m_socket, &WebSocketConnection::textMessageReceived, this,
+            &WebSocketSession::onTextMessageReceived);
+    connect(m_socket, &WebSocketConnection::binaryMessageReceived, this,
+            &WebSocketSession::onBinaryMessageReceived);
+    connect(m_socket, &WebSocketConnection::disconnected, this, &WebSocketSession::onDisconnected);
+    connect(m_socket, &WebSocketConnection::bytesWritten, this, &WebSocketSession::updateCongestion);
     m_handshakeTimer->setSingleShot(true);
     connect(m_handshakeTimer, &QTimer::timeout, this,
             [this] { closeSocket(1008, QStringLiteral("No authentication message received")); });
@@ -49,7 +89,7 @@ WebSocketSession::~WebSocketSession() = default;
 void WebSocketSession::onTextMessageReceived(const QString& message)
 {
     if (m_state != State::Handshake) {
-        qWarning() << "instance" << m_instance->uuid() << ": ignoring a text message after the handshake";
+        qWarning() << "instance" << m_host->uuid() << ": ignoring a text message after the handshake";
         return;
     }
     m_log->appendMessage(m_logIndex, message);
@@ -59,7 +99,7 @@ void WebSocketSession::onTextMessageReceived(const QString& message)
 void WebSocketSession::authenticate(const QString& message)
 {
     m_handshakeTimer->stop();
-    if (const auto refusal = m_faults->takeAuthRefusal(m_instance->uuid())) {
+    if (const auto refusal = m_faults->takeAuthRefusal(m_host->uuid())) {
         const QString reason
             = refusal->reason.isEmpty() ? QStringLiteral("Authentication refused") : refusal->reason;
         if (refusal->closeOnly)
@@ -79,7 +119,7 @@ void WebSocketSession::authenticate(const QString& message)
         refuse(QStringLiteral("Unsupported authentication type"));
         return;
     }
-    if (!m_instance->isAccessTokenValid(object.value(QStringLiteral("token")).toString())) {
+    if (!m_host->isAccessTokenValid(object.value(QStringLiteral("token")).toString())) {
         refuse(QStringLiteral("Invalid access token"));
         return;
     }
@@ -95,27 +135,31 @@ void WebSocketSession::authenticate(const QString& message)
 
     m_state = State::Relaying;
     m_link = new LinkModel(this);
-    setLink(m_instance->rttMs(), m_instance->bandwidthKbps());
+    setLink(m_host->rttMs(), m_host->bandwidthKbps());
     connect(m_link->uplink(), &LinkLane::delivered, this, &WebSocketSession::onUplinkDelivered);
     connect(m_link->downlink(), &LinkLane::delivered, this, &WebSocketSession::onDownlinkDelivered);
     connect(m_link->downlink(), &LinkLane::drained, this, &WebSocketSession::updateCongestion);
+    connect(m_link->uplink(), &LinkLane::drained, this, &WebSocketSession::updateUplink);
     if (m_version == 2)
         m_mirror.emplace();
-    m_device = m_instance->createDevice(this);
+    m_device = m_host->createDevice(this);
     connect(m_device, &DeviceConnection::received, this, &WebSocketSession::onDeviceReceived);
     connect(m_device, &DeviceConnection::closed, this, &WebSocketSession::onDeviceClosed);
+    connect(m_device, &DeviceConnection::backlogDrained, this, &WebSocketSession::updateUplink);
     qInfo().noquote() << QStringLiteral("instance %1: WebSocket authenticated, tunnel version %2")
-                             .arg(m_instance->uuid())
+                             .arg(m_host->uuid())
                              .arg(m_version);
     m_socket->sendTextMessage(jsonText({ { QStringLiteral("connection"), QStringLiteral("SUCCESS") } }));
-    if (const auto pending = m_instance->takePendingClose())
+    if (const auto pending = m_host->takePendingClose())
         scheduleClose(*pending);
+    if (m_host->cloudFault().mode != SessionHost::CloudFault::Mode::None)
+        applyCloudFault(m_host->cloudFault());
 }
 
 void WebSocketSession::refuse(const QString& message)
 {
-    qInfo().noquote() << QStringLiteral("instance %1: WebSocket authentication refused: %2")
-                             .arg(m_instance->uuid(), message);
+    qInfo().noquote()
+        << QStringLiteral("instance %1: WebSocket authentication refused: %2").arg(m_host->uuid(), message);
     m_socket->sendTextMessage(jsonText({ { QStringLiteral("connection"), QStringLiteral("FAILED") },
                                          { QStringLiteral("error"), message } }));
     closeSocket(1008, message);
@@ -131,7 +175,7 @@ void WebSocketSession::onBinaryMessageReceived(const QByteArray& message)
         return;
     m_link->uplink()->send(message);
     countBytes(message.size());
-    checkBacklog();
+    updateUplink();
 }
 
 void WebSocketSession::onUplinkDelivered(const QByteArray& chunk)
@@ -140,10 +184,11 @@ void WebSocketSession::onUplinkDelivered(const QByteArray& chunk)
         return;
     if (!m_mirror) {
         m_device->write(chunk);
-        return;
+    } else {
+        m_mirror->feedFromDaemon(chunk);
+        flushMirror();
     }
-    m_mirror->feedFromDaemon(chunk);
-    flushMirror();
+    updateUplink();
 }
 
 void WebSocketSession::onDeviceReceived(const QByteArray& bytes)
@@ -189,6 +234,7 @@ void WebSocketSession::flushMirror()
         updateCongestion();
     }
     m_flushing = false;
+    updateUplink();
 }
 
 void WebSocketSession::onDownlinkDelivered(const QByteArray& chunk)
@@ -213,18 +259,53 @@ void WebSocketSession::updateCongestion()
     }
 }
 
-bool WebSocketSession::checkBacklog()
+qint64 WebSocketSession::uplinkBacklog() const
 {
-    const qint64 backlog = m_link->uplink()->queuedBytes() + (m_mirror ? m_mirror->queuedBytes() : 0)
+    return m_link->uplink()->queuedBytes() + (m_mirror ? m_mirror->queuedBytes() : 0)
         + (m_device ? m_device->backlog() : 0);
-    if (backlog <= MAX_BACKLOG)
-        return true;
-    qWarning().noquote() << QStringLiteral(
-                                "instance %1: %2 bytes waiting for the device, dropping the WebSocket")
-                                .arg(m_instance->uuid())
-                                .arg(backlog);
-    closeSocket(1009, QStringLiteral("Too much data waiting for the device"));
-    return false;
+}
+
+void WebSocketSession::updateUplink()
+{
+    if (m_state != State::Relaying)
+        return;
+    const qint64 backlog = uplinkBacklog();
+    if (!m_uplinkPaused && backlog > UPLINK_HIGH)
+        m_uplinkPaused = true;
+    else if (m_uplinkPaused && backlog < UPLINK_LOW)
+        m_uplinkPaused = false;
+    else
+        return;
+    m_socket->setReadPaused(m_uplinkPaused || m_stalled);
+}
+
+void WebSocketSession::applyCloudFault(const SessionHost::CloudFault& fault)
+{
+    using Mode = SessionHost::CloudFault::Mode;
+    if (m_state != State::Relaying)
+        return;
+    qInfo().noquote() << QStringLiteral("instance %1: cloud fault %2").arg(m_host->uuid(), fault.modeName());
+    switch (fault.mode) {
+    case Mode::None:
+    case Mode::ReadThrottle:
+    case Mode::Stall:
+        m_stalled = fault.mode == Mode::Stall;
+        m_socket->setReadRate(fault.mode == Mode::ReadThrottle ? fault.bytesPerSecond : 0);
+        m_socket->setSendPaused(m_stalled);
+        m_socket->setReadPaused(m_uplinkPaused || m_stalled);
+        break;
+    case Mode::OversizedFrame:
+    case Mode::EndlessFragments:
+    case Mode::Garbage:
+        // Nothing relays any more: a frame without end stands in the way of every other one.
+        m_state = State::Misbehaving;
+        if (m_device)
+            m_device->close();
+        m_socket->setReadRate(0);
+        m_socket->setReadPaused(false);
+        m_socket->streamRaw(rawStream(fault.mode));
+        break;
+    }
 }
 
 void WebSocketSession::setLink(int rttMs, qint64 bandwidthKbps)
@@ -235,7 +316,7 @@ void WebSocketSession::setLink(int rttMs, qint64 bandwidthKbps)
     m_link->setBandwidthKbps(bandwidthKbps);
 }
 
-void WebSocketSession::scheduleClose(const SimInstance::CloseRequest& request)
+void WebSocketSession::scheduleClose(const SessionHost::CloseRequest& request)
 {
     if (m_state != State::Relaying)
         return;
@@ -248,9 +329,9 @@ void WebSocketSession::countBytes(qint64 bytes)
 {
     m_bytes += bytes;
     if (m_close && m_bytes >= m_closeAtBytes) {
-        const SimInstance::CloseRequest request = *std::exchange(m_close, std::nullopt);
+        const SessionHost::CloseRequest request = *std::exchange(m_close, std::nullopt);
         qInfo().noquote() << QStringLiteral("instance %1: closing the WebSocket after %2 bytes (fault)")
-                                 .arg(m_instance->uuid())
+                                 .arg(m_host->uuid())
                                  .arg(m_bytes);
         closeSocket(request.code, request.reason, request.abort);
     }
@@ -267,7 +348,7 @@ void WebSocketSession::closeSocket(int code, const QString& reason, bool abort)
     if (abort)
         m_socket->abort();
     else
-        m_socket->close(QWebSocketProtocol::CloseCode(code), reason);
+        m_socket->close(code, reason);
 }
 
 void WebSocketSession::onDeviceClosed(const QString& reason)
@@ -275,7 +356,7 @@ void WebSocketSession::onDeviceClosed(const QString& reason)
     if (m_state != State::Relaying)
         return;
     qInfo().noquote()
-        << QStringLiteral("instance %1: device connection ended: %2").arg(m_instance->uuid(), reason);
+        << QStringLiteral("instance %1: device connection ended: %2").arg(m_host->uuid(), reason);
     closeSocket(1011, QStringLiteral("Device connection ended"));
 }
 
@@ -283,7 +364,7 @@ void WebSocketSession::onDisconnected()
 {
     if (m_state == State::Relaying)
         qInfo().noquote()
-            << QStringLiteral("instance %1: WebSocket closed by the daemon").arg(m_instance->uuid());
+            << QStringLiteral("instance %1: WebSocket closed by the daemon").arg(m_host->uuid());
     m_state = State::Closing;
     m_handshakeTimer->stop();
     if (m_device)
