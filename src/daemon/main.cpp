@@ -220,7 +220,10 @@ int waitForTunnel(SingleInstance* instance, const QString& id, int timeoutSecond
                        QString());
             return 2;
         }
-        if (state == QLatin1String("CONNECTED")) {
+        // A repeated "connect" reports CONNECTED at once, even while the first one is still
+        // building its tunnel: only a serial tells that ADB can be pointed at it.
+        if (state == QLatin1String("CONNECTED")
+            && !entry.value(QStringLiteral("adb_serial")).toString().isEmpty()) {
             entry.insert(RUNNING, true);
             printResult(entry);
             return 0;
