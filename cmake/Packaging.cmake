@@ -7,7 +7,8 @@ set(CPACK_PACKAGE_NAME kbadbtunneld)
 set(CPACK_PACKAGE_VENDOR Tarnwright)
 set(CPACK_PACKAGE_CONTACT "Tarnwright <support@tarnwright.com>")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Connects the local ADB server to Kestrelbox cloud Android instances")
+# No CPACK_PACKAGE_DESCRIPTION_SUMMARY: CPack would put it in front of every package's own
+# synopsis, the simulator's included, and lintian rejects a synopsis repeated in the description.
 set(CPACK_PACKAGE_HOMEPAGE_URL "https://www.tarnwright.com")
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -44,12 +45,15 @@ set(CPACK_DEBIAN_KBADBTUNNELD_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_KBADBTUNNELD_PACKAGE_DEPENDS "${_kb_runtime_depends}")
 set(CPACK_DEBIAN_KBADBTUNNELD_PACKAGE_RECOMMENDS adb)
 set(CPACK_DEBIAN_KBADBTUNNELD_PACKAGE_SUGGESTS bash-completion)
+# First line: the synopsis; then the extended description, in lines of at most 79 characters
+# (lintian counts the leading blank that dpkg adds).
 set(CPACK_DEBIAN_KBADBTUNNELD_DESCRIPTION
     "Connects the local ADB server to Kestrelbox cloud Android instances
 kbadbtunneld is a command-line program and background daemon. For each cloud
 instance it authenticates against the platform, opens a WebSocket to the
-instance's ADB endpoint, listens on a local TCP port and attaches the local ADB
-server to it, so that adb and every ADB tool see the instance as a local device.")
+instance's ADB endpoint, listens on a local TCP port and attaches the local
+ADB server to it, so that adb and every ADB tool see the instance as a local
+device.")
 
 set(CPACK_DEBIAN_KBPLATFORM-SIM_PACKAGE_NAME kbplatform-sim)
 set(CPACK_DEBIAN_KBPLATFORM-SIM_FILE_NAME DEB-DEFAULT)

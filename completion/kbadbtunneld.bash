@@ -1,7 +1,7 @@
 # bash completion for kbadbtunneld                         -*- shell-script -*-
 #
-# Completes the command, "--adb-serial-port" after "connect", and for
-# "disconnect" the instance ids that the running daemon knows.
+# Completes the command, "--adb-serial-port", "--wait" and "--timeout" after
+# "connect", and for "disconnect" the instance ids that the running daemon knows.
 
 _kbadbtunneld_instance_ids()
 {
@@ -19,9 +19,11 @@ _kbadbtunneld()
     COMPREPLY=()
 
     # "--adb-serial-port=5555" arrives split at "=" when "=" is a word break.
-    if [[ $prev == --adb-serial-port ]] \
-        || [[ $prev == = && COMP_CWORD -ge 2 && ${COMP_WORDS[COMP_CWORD - 2]} == --adb-serial-port ]]; then
-        return 0 # a port number: nothing to offer
+    local before_equals=
+    ((COMP_CWORD >= 2)) && [[ $prev == = ]] && before_equals=${COMP_WORDS[COMP_CWORD - 2]}
+    if [[ $prev == --adb-serial-port || $prev == --timeout ]] \
+        || [[ $before_equals == --adb-serial-port || $before_equals == --timeout ]]; then
+        return 0 # a port number or seconds: nothing to offer
     fi
     [[ $cur == = ]] && cur=
 
@@ -30,18 +32,20 @@ _kbadbtunneld()
     for ((i = 1; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
         case $word in
-            --adb-serial-port) ((i++)) ;;
+            --adb-serial-port | --timeout) ((i++)) ;;
             =) ;;
             -*) ;;
             *)
-                [[ $i -ge 2 && ${COMP_WORDS[i - 1]} == = && ${COMP_WORDS[i - 2]} == --adb-serial-port ]] && continue
+                if [[ $i -ge 2 && ${COMP_WORDS[i - 1]} == = ]]; then
+                    [[ ${COMP_WORDS[i - 2]} == --adb-serial-port || ${COMP_WORDS[i - 2]} == --timeout ]] && continue
+                fi
                 ((nargs++ == 0)) && command=$word
                 ;;
         esac
     done
 
     local options="--help --help-all --version"
-    [[ $command == connect ]] && options="--adb-serial-port $options"
+    [[ $command == connect ]] && options="--adb-serial-port --timeout --wait $options"
 
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
@@ -49,7 +53,7 @@ _kbadbtunneld()
     fi
 
     if ((nargs == 0)); then
-        mapfile -t COMPREPLY < <(compgen -W "start stop getdaemoninfo getinstances connect disconnect" -- "$cur")
+        mapfile -t COMPREPLY < <(compgen -W "start stop getdaemoninfo getinstances connect disconnect doctor" -- "$cur")
     elif ((nargs == 1)) && [[ $command == disconnect ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$(_kbadbtunneld_instance_ids "${COMP_WORDS[0]}")" -- "$cur")
     fi

@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(
     build-essential cmake ninja-build pkg-config
     qt6-base-dev qt6-websockets-dev qt6-httpserver-dev libssl-dev openssl
-    adb socat dante-server tinyproxy procps python3 groff-base
+    adb socat dante-server tinyproxy procps python3 groff-base lintian
 )
 if [[ "${KB_WITH_BENCH_DEPS:-}" == 1 ]]; then
     packages+=(gnuplot-nox)

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds the Debian packages with CPack, installs kbadbtunneld with apt-get (so that its
+# Builds the Debian packages with CPack, checks kbadbtunneld's with lintian (no errors allowed;
+# the warnings are printed), installs it with apt-get (so that its
 # dependencies resolve as on a user's machine), checks the installed program, manual page,
 # completion and run-time libraries, starts and stops its daemon, then removes and purges the
 # package and checks that nothing of it is left.
@@ -66,6 +67,11 @@ echo "package: $(basename "$deb")"
 dpkg-deb --field "$deb" Package Version Architecture Maintainer Depends Recommends
 dpkg-deb --contents "$deb" | awk '{print $NF}'
 
+step "lintian $(basename "$deb")"
+command -v lintian >/dev/null || die "lintian is not installed (scripts/install-deps.sh installs it)"
+# lintian exits non-zero for errors only with --fail-on error; warnings are shown, not fatal.
+lintian --fail-on error --display-info "$deb" || die "lintian reports errors for $(basename "$deb")"
+
 # --- install -------------------------------------------------------------------------------
 
 if dpkg-query -W -f='${Status}' kbadbtunneld 2>/dev/null | grep -q "install ok installed"; then
@@ -93,6 +99,13 @@ page=$(man -w kbadbtunneld) || die "man does not find the kbadbtunneld page"
 echo "$page"
 man_lint=$(MANWIDTH=80 man --warnings=w "$page" 2>&1 >/dev/null) || die "man could not render $page"
 [[ -z $man_lint ]] || die "man warnings: $man_lint"
+
+step "/usr/share/doc/kbadbtunneld"
+docdir=/usr/share/doc/kbadbtunneld
+for file in README.md.gz changelog.Debian.gz copyright; do
+    [[ -f $docdir/$file ]] || die "$docdir/$file is not installed"
+done
+zcat "$docdir/changelog.Debian.gz" | head -n1
 
 step "bash completion"
 completion=/usr/share/bash-completion/completions/kbadbtunneld
@@ -139,7 +152,7 @@ hash -r
 if command -v kbadbtunneld >/dev/null; then
     die "kbadbtunneld is still on the PATH: $(command -v kbadbtunneld)"
 fi
-for file in /usr/bin/kbadbtunneld /usr/share/man/man1/kbadbtunneld.1.gz "$completion"; do
+for file in /usr/bin/kbadbtunneld /usr/share/man/man1/kbadbtunneld.1.gz "$completion" "$docdir"; do
     [[ ! -e $file ]] || die "$file is still present after removal"
 done
 if dpkg-query -W -f='${Status}' kbadbtunneld 2>/dev/null | grep -q installed; then

@@ -88,7 +88,7 @@ AdbClient::Run AdbClient::runAdb(const QStringList& arguments, QProcess::Process
     Run run;
     run.command = commandLine(m_path, arguments);
     if (m_path.isEmpty()) {
-        run.errorString = QStringLiteral("adb not found, check the Android SDK path");
+        run.errorString = AndroidToolsProvider::getInstance()->adbNotFoundReason();
         return run;
     }
 
@@ -150,13 +150,18 @@ void AdbClient::connectToAdb()
     const Run run = runAdb({ QStringLiteral("connect"), m_adbSerial });
     if (run.outcome == Run::NotStarted) {
         qCritical().noquote() << "[adb][connect] can't run" << run.command << run.errorString;
-        Q_EMIT connectError();
+        m_rawErrorText = run.errorString;
+        Q_EMIT connectError(m_path.isEmpty() ? run.errorString
+                                             : QStringLiteral("adb could not run: %1").arg(run.errorString));
         return;
     }
     if (!run.succeeded()) {
         qCritical().noquote() << "[adb][connect]" << m_adbSerial << ": unable to connect:" << run.errorString
                               << run.allOutput();
-        Q_EMIT connectError();
+        m_rawErrorText = run.allOutput();
+        const QString detail = run.allOutput().isEmpty() ? run.errorString : run.allOutput();
+        Q_EMIT connectError(QStringLiteral("adb connect %1 failed: %2")
+                                .arg(m_adbSerial, detail.section(QLatin1Char('\n'), 0, 0)));
         return;
     }
 

@@ -100,7 +100,9 @@ Q_SIGNALS:
     // adb connect exited with 0 (or the device was already there); not emitted once deleteLater
     // was called during the wait that follows it.
     void connectSuccess();
-    void connectError(); // adb connect could not run, timed out or exited with a non-zero code
+    // adb connect could not run, timed out or exited with a non-zero code; reason is one line a user
+    // can act on ("adb not found in ...", adb's own message).
+    void connectError(const QString& reason);
     void pullStarted(); // the adb process of pullAsync is running
     void pullProgress(int percent); // 0-100, strictly increasing; a burst of output may skip values
     void pullSucceeded();

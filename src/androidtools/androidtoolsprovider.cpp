@@ -34,6 +34,11 @@ QStringList subDirsReversed(const QString& dir)
 
 AndroidToolsProvider::~AndroidToolsProvider() = default;
 
+QString AndroidToolsProvider::adbNotFoundReason()
+{
+    return QStringLiteral("adb not found, check the Android SDK path");
+}
+
 void AndroidToolsProvider::setInstance(AndroidToolsProvider* provider)
 {
     s_instance.store(provider);

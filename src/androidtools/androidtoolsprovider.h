@@ -14,6 +14,8 @@ public:
     // Full path of the tool, or an empty string when it cannot be found.
     virtual QString getAdbPath() = 0;
     virtual QString getAaptPath() = 0;
+    // Why getAdbPath() is empty, in words a user can act on.
+    virtual QString adbNotFoundReason();
 
     // The provider is not owned: the caller keeps it alive for as long as the process runs.
     static void setInstance(AndroidToolsProvider* provider);

@@ -117,14 +117,22 @@ void AdbTunnel::onAuthenticationError(PlatformAuthenticator::Error authError, co
     INSTANCE_LOG_PREFIX;
     qWarning().noquote() << QStringLiteral("Authentication error: %1 (%2)")
                                 .arg(PlatformAuthenticator::errorCodeToString(authError), message);
-    Q_EMIT error(authError == PlatformAuthenticator::WebSocketError ? DisconnectionError
-                                                                    : AuthenticationError);
+    QString reason
+        = QStringLiteral("%1: %2").arg(PlatformAuthenticator::errorCodeToString(authError), message);
+    // The platform only answers "unauthorized": say what is actually missing.
+    if (!m_credentialsProvider->hasApiToken() && !m_credentialsProvider->hasCredentials()) {
+        reason = QStringLiteral("No credentials: auth.json has neither \"api_token\" nor \"email\" and "
+                                "\"password\", and KESTRELBOX_API_TOKEN is not set (%1)")
+                     .arg(reason);
+    }
+    fail(authError == PlatformAuthenticator::WebSocketError ? DisconnectionError : AuthenticationError,
+         reason);
 }
 
 void AdbTunnel::onWebSocketDisconnected()
 {
     disconnect(m_webSocket, &AbstractWebSocket::disconnected, this, &AdbTunnel::onWebSocketDisconnected);
-    Q_EMIT error(DisconnectionError);
+    fail(DisconnectionError, QStringLiteral("The instance's WebSocket closed"));
 }
 
 void AdbTunnel::onWebSocketError()
@@ -137,7 +145,7 @@ void AdbTunnel::onBridgeStateChanged(WebSocketTcpBridge::State state)
 {
     if (state == WebSocketTcpBridge::IDLE) {
         if (m_bridge->getLastError() == WebSocketTcpBridge::TcpServerError)
-            Q_EMIT error(BridgeBusyPortError);
+            fail(BridgeBusyPortError, QStringLiteral("port %1 is busy").arg(m_info->port));
         return;
     }
     if (state == WebSocketTcpBridge::RUNNING) {
@@ -158,7 +166,7 @@ void AdbTunnel::connectToAdbTunnel()
     const QString serial = QStringLiteral("%1:%2").arg(ADB_TUNNEL_HOST).arg(port);
     qDebug().noquote() << "Connect local ADB to" << serial;
     if (port == 0) {
-        Q_EMIT error(BridgeBusyPortError);
+        fail(BridgeBusyPortError, QStringLiteral("no local port to listen on"));
         return;
     }
 
@@ -170,7 +178,7 @@ void AdbTunnel::connectToAdbTunnel()
     m_adbClient->moveToThread(m_adbThread);
     if (!QMetaObject::invokeMethod(m_adbClient.get(), &AdbClient::connectToAdb, Qt::QueuedConnection)) {
         qWarning() << "AdbTunnel::connectToAdbTunnel : Unable to invoke ADB connection function";
-        onAdbconnectError();
+        onAdbconnectError(QStringLiteral("adb connect could not be started"));
     }
 }
 
@@ -179,7 +187,16 @@ void AdbTunnel::onAdbconnectSuccess()
     Q_EMIT success();
 }
 
-void AdbTunnel::onAdbconnectError()
+void AdbTunnel::onAdbconnectError(const QString& reason)
 {
-    Q_EMIT error(AdbError);
+    fail(AdbError, reason);
+}
+
+void AdbTunnel::fail(Error failure, const QString& reason)
+{
+    {
+        QMutexLocker locker(&AdbTunnelInfo::mutex());
+        m_info->lastError = reason;
+    }
+    Q_EMIT error(failure);
 }

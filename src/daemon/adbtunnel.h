@@ -52,9 +52,12 @@ private Q_SLOTS:
     void onBridgeStateChanged(WebSocketTcpBridge::State state);
     void connectToAdbTunnel();
     void onAdbconnectSuccess();
-    void onAdbconnectError();
+    void onAdbconnectError(const QString& reason);
 
 private:
+    // Records why in the shared info, so that the daemon can tell the user, then emits error().
+    void fail(Error error, const QString& reason);
+
     struct AdbClientDeleter
     {
         void operator()(AdbClient* client) const;

@@ -2,6 +2,7 @@
 
 #include "adbtunnelcontroller.h"
 #include "adbtunnelparser.h"
+#include "attachedserials.h"
 #include "network/networkprovider.h"
 #include "utils/loghandler.h"
 
@@ -38,6 +39,8 @@ AdbTunnelDaemon::~AdbTunnelDaemon()
     // Each controller waits for its worker thread, which runs `adb disconnect` on the way out.
     qDeleteAll(m_tunnelControllers);
     m_tunnelControllers.clear();
+    if (m_attachedSerials)
+        m_attachedSerials->clear();
     m_tunnelStates.clear();
 }
 
@@ -71,6 +74,7 @@ QVariant AdbTunnelDaemon::handleMessage(const QVariantMap& message)
                 { QStringLiteral("uuid"), id },
                 { QStringLiteral("adb_serial"), getSerialFromDeviceId(id) },
                 { QStringLiteral("state"), adbTunnelStateName(getStateFromDeviceId(id)) },
+                { QStringLiteral("last_error"), getLastErrorFromDeviceId(id) },
             });
         }
         return QVariantMap { { QStringLiteral("instances"), instances.toVariantList() } };
@@ -80,6 +84,7 @@ QVariant AdbTunnelDaemon::handleMessage(const QVariantMap& message)
         const QString id = message.value(ID_KEY).toString();
         const quint16 port = quint16(message.value(ADB_SERIAL_PORT_OPTION).toUInt());
         updateAdbTunnelState(id, PENDING);
+        m_lastErrors.remove(id);
         createAdbTunnel(id, port);
         return true;
     }
@@ -89,6 +94,7 @@ QVariant AdbTunnelDaemon::handleMessage(const QVariantMap& message)
         deleteAdbTunnel(id);
         qDebug().noquote() << "Reset tunnel state for" << id;
         m_tunnelStates.remove(id);
+        m_lastErrors.remove(id);
         return true;
     }
 
@@ -114,11 +120,17 @@ void AdbTunnelDaemon::createAdbTunnel(const QString& id, quint16 port)
     m_tunnelControllers.insert(id, controller);
 
     connect(controller, &AdbTunnelController::stopped, this, &AdbTunnelDaemon::deleteAdbTunnel);
-    connect(controller, &AdbTunnelController::tunnelSuccess, this,
-            [this, id] { updateAdbTunnelState(id, CONNECTED); });
-    connect(controller, &AdbTunnelController::tunnelError, this, [this, id](AdbTunnel::Error error) {
-        updateAdbTunnelState(id, error == AdbTunnel::BridgeBusyPortError ? PORT_BUSY : FAILED);
+    connect(controller, &AdbTunnelController::tunnelSuccess, this, [this, id, controller] {
+        updateAdbTunnelState(id, CONNECTED);
+        if (m_attachedSerials)
+            m_attachedSerials->add(controller->info().serial);
     });
+    connect(controller, &AdbTunnelController::tunnelError, this,
+            [this, id, controller](AdbTunnel::Error error) {
+                updateAdbTunnelState(id, error == AdbTunnel::BridgeBusyPortError ? PORT_BUSY : FAILED);
+                // The controller is deleted right after this: keep its reason for "getinstances".
+                m_lastErrors.insert(id, controller->info().lastError);
+            });
     qDebug() << "New tunnel" << controller;
 }
 
@@ -130,7 +142,10 @@ void AdbTunnelDaemon::deleteAdbTunnel(const QString& id)
         qWarning() << "no adb tunnel to finish for device";
         return;
     }
-    delete controller;
+    const QString serial = controller->info().serial;
+    delete controller; // its tunnel has run `adb disconnect` by the time this returns
+    if (m_attachedSerials)
+        m_attachedSerials->remove(serial);
 }
 
 void AdbTunnelDaemon::updateAdbTunnelState(const QString& id, AdbTunnelState state)
@@ -138,6 +153,18 @@ void AdbTunnelDaemon::updateAdbTunnelState(const QString& id, AdbTunnelState sta
     LogHandler::LogPrefixer prefixer(prefixFor(id));
     qDebug().noquote() << "Update tunnel state to" << adbTunnelStateName(state);
     m_tunnelStates.insert(id, state);
+}
+
+void AdbTunnelDaemon::setAttachedSerials(AttachedSerials* record)
+{
+    m_attachedSerials = record;
+}
+
+QString AdbTunnelDaemon::getLastErrorFromDeviceId(const QString& id) const
+{
+    if (const AdbTunnelController* controller = m_tunnelControllers.value(id))
+        return controller->info().lastError;
+    return m_lastErrors.value(id);
 }
 
 AdbTunnelState AdbTunnelDaemon::getStateFromDeviceId(const QString& id) const

@@ -9,6 +9,7 @@
 
 class AbstractCredentialsProvider;
 class AdbTunnelController;
+class AttachedSerials;
 class NetworkProvider;
 
 // The daemon's command handler and registry: one controller per connected instance and the
@@ -26,6 +27,10 @@ public:
     void updateAdbTunnelState(const QString& id, AdbTunnelState state);
     AdbTunnelState getStateFromDeviceId(const QString& id) const;
     QString getSerialFromDeviceId(const QString& id) const;
+    // Why the instance's tunnel last failed; empty when it has not since the last "connect".
+    QString getLastErrorFromDeviceId(const QString& id) const;
+    // Where to record the serials attached to the local ADB server (not owned; may be null).
+    void setAttachedSerials(AttachedSerials* record);
 
 public Q_SLOTS:
     void deleteAdbTunnel(const QString& id);
@@ -36,6 +41,9 @@ Q_SIGNALS:
 private:
     QHash<QString, AdbTunnelController*> m_tunnelControllers;
     QHash<QString, AdbTunnelState> m_tunnelStates;
+    // The last error of tunnels whose controller has given up and is gone.
+    QHash<QString, QString> m_lastErrors;
     NetworkProvider* m_networkProvider;
     AbstractCredentialsProvider* m_credentialsProvider;
+    AttachedSerials* m_attachedSerials = nullptr;
 };

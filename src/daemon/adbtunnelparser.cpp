@@ -40,6 +40,14 @@ void AdbTunnelParser::setupParser(QCommandLineParser* parser, const QStringList&
         parser->addOption(QCommandLineOption(QStringList { ADB_SERIAL_PORT_OPTION },
                                              QStringLiteral("Local port to use for tunnel"),
                                              QStringLiteral("port")));
+        parser->addOption(QCommandLineOption(
+            QStringList { WAIT_OPTION },
+            QStringLiteral("Wait until the tunnel is connected (exit 0) or has failed (exit 2)")));
+        parser->addOption(
+            QCommandLineOption(QStringList { TIMEOUT_OPTION },
+                               QStringLiteral("With --wait, give up after this many seconds (default %1)")
+                                   .arg(DEFAULT_WAIT_TIMEOUT_S),
+                               QStringLiteral("seconds")));
     }
 }
 
@@ -51,7 +59,8 @@ QVariantMap AdbTunnelParser::getMessageFromParser(const QCommandLineParser& pars
 
     const QString command = positional.first();
     static const QStringList commands { START_COMMAND,   STOP_COMMAND,       DAEMON_INFO_COMMAND,
-                                        CONNECT_COMMAND, DISCONNECT_COMMAND, INSTANCES_COMMAND };
+                                        CONNECT_COMMAND, DISCONNECT_COMMAND, INSTANCES_COMMAND,
+                                        DOCTOR_COMMAND };
     if (!commands.contains(command, Qt::CaseSensitive))
         return {};
 
@@ -74,4 +83,29 @@ QVariantMap AdbTunnelParser::getMessageFromParser(const QCommandLineParser& pars
             message.insert(ADB_SERIAL_PORT_OPTION, int(port));
     }
     return message;
+}
+
+AdbTunnelParser::WaitOptions AdbTunnelParser::getWaitOptions(const QCommandLineParser& parser)
+{
+    WaitOptions options;
+    if (parser.positionalArguments().value(0) != CONNECT_COMMAND)
+        return options;
+    options.wait = parser.isSet(WAIT_OPTION);
+    if (!parser.isSet(TIMEOUT_OPTION))
+        return options;
+    if (!options.wait) {
+        options.error = QStringLiteral("--timeout is only meaningful with --wait");
+        return options;
+    }
+    // Unlike a bad port, a bad timeout is refused: waiting some other time than the one asked for
+    // would surprise the script that asked.
+    const QString value = parser.value(TIMEOUT_OPTION);
+    bool ok = false;
+    const int seconds = value.toInt(&ok, 10);
+    if (!ok || seconds <= 0 || value.startsWith(QLatin1Char('+')))
+        options.error
+            = QStringLiteral("Invalid --timeout value '%1': a whole number of seconds, 1 or more").arg(value);
+    else
+        options.timeoutSeconds = seconds;
+    return options;
 }

@@ -42,3 +42,12 @@ QString KbsaasAndroidToolsProvider::getAaptPath()
     m_aaptPath = path;
     return path;
 }
+
+QString KbsaasAndroidToolsProvider::adbNotFoundReason()
+{
+    if (m_sdkPath.isEmpty())
+        return QStringLiteral("adb not found: config.json has no \"android-sdk-path\"");
+    return QStringLiteral("adb not found in %1 (nor in its platform-tools or tools directory); "
+                          "check \"android-sdk-path\" in config.json")
+        .arg(m_sdkPath);
+}

@@ -15,6 +15,7 @@ public:
 
     QString getAdbPath() override;
     QString getAaptPath() override;
+    QString adbNotFoundReason() override;
 
 private:
     const QString m_sdkPath;

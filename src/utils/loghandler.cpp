@@ -4,6 +4,7 @@
 
 #include <QDateTime>
 #include <QFile>
+#include <QFileInfo>
 #include <QMutex>
 #include <QRegularExpression>
 
@@ -12,9 +13,12 @@
 #include <memory>
 #include <optional>
 
+#include <sys/stat.h>
+
 const char* const LogHandler::DEFAULT_MESSAGE_PATTERN
     = "{isodate} [%{appname}:%{pid}] [%{if-category}%{category}.%{endif}%{type}] %{message}";
 const char* const LogHandler::ENV_LOG_TO_STDERR = "KB_LOG_TO_STDERR";
+const char* const LogHandler::ENV_LOG_MAX_BYTES = "KB_LOG_MAX_BYTES";
 
 namespace {
 
@@ -24,6 +28,11 @@ struct GlobalState
     std::unique_ptr<QFile> file;
     LogHandler::LogHandlerOptions options;
     const bool logToStderr = qEnvironmentVariableIsSet(LogHandler::ENV_LOG_TO_STDERR);
+    const qint64 maxBytes = [] {
+        bool ok = false;
+        const qint64 value = qEnvironmentVariable(LogHandler::ENV_LOG_MAX_BYTES).toLongLong(&ok);
+        return ok && value > 0 ? value : LogHandler::DEFAULT_LOG_MAX_BYTES;
+    }();
 };
 
 GlobalState& state()
@@ -36,6 +45,43 @@ GlobalState& state()
 thread_local std::optional<QString> t_prefix;
 
 const QLatin1String ISODATE_PLACEHOLDER("{isodate}");
+
+QString rotatedName(const QString& path, int index)
+{
+    return QStringLiteral("%1.%2").arg(path).arg(index);
+}
+
+bool sameFile(int fd, const QString& path)
+{
+    struct stat open = {};
+    struct stat named = {};
+    return ::fstat(fd, &open) == 0 && ::stat(QFile::encodeName(path).constData(), &named) == 0
+        && open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+}
+
+// Called under the mutex, before a line of `incoming` bytes is written. The client and the
+// daemon append to the same file: when another process has rotated it already, ours is now
+// "<log>.1" and we only follow to the new file.
+void rotateIfFull(GlobalState& global, qint64 incoming)
+{
+    QFile& file = *global.file;
+    if (file.size() == 0 || file.size() + incoming <= global.maxBytes)
+        return;
+    const QString path = file.fileName();
+    if (sameFile(file.handle(), path)) {
+        QFile::remove(rotatedName(path, LogHandler::LOG_FILES_KEPT));
+        for (int index = LogHandler::LOG_FILES_KEPT - 1; index >= 1; --index)
+            QFile::rename(rotatedName(path, index), rotatedName(path, index + 1));
+        QFile::rename(path, rotatedName(path, 1));
+    }
+    file.close();
+    FilePermissions::createPrivateFile(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Append)) {
+        std::fprintf(stderr, "Error while opening log file: %s: %s\n", qPrintable(path),
+                     qPrintable(file.errorString()));
+        global.file.reset();
+    }
+}
 
 } // namespace
 
@@ -117,8 +163,11 @@ void LogHandler::messageHandler(QtMsgType type, const QMessageLogContext& contex
     GlobalState& global = state();
     {
         QMutexLocker locker(&global.mutex);
+        const QByteArray bytes = line.toUtf8();
+        if (global.file)
+            rotateIfFull(global, bytes.size() + 1);
         if (global.file) {
-            global.file->write(line.toUtf8());
+            global.file->write(bytes);
             global.file->write("\n", 1);
             global.file->flush();
         }

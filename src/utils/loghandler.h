@@ -16,6 +16,12 @@ public:
 
     static const char* const DEFAULT_MESSAGE_PATTERN;
     static const char* const ENV_LOG_TO_STDERR;
+    // The log file is rotated when the next line would take it past this many bytes (default
+    // DEFAULT_LOG_MAX_BYTES): kbadbtunneld.log becomes kbadbtunneld.log.1, .1 becomes .2, and so on;
+    // LOG_FILES_KEPT rotated files are kept.
+    static const char* const ENV_LOG_MAX_BYTES;
+    static constexpr qint64 DEFAULT_LOG_MAX_BYTES = 10 * 1024 * 1024;
+    static constexpr int LOG_FILES_KEPT = 3;
 
     static void install(const QString& logFilePath, LogHandlerOptions options = {},
                         const QString& messagePattern = QString());

@@ -131,6 +131,20 @@ private Q_SLOTS:
             << QStringList { QStringLiteral("connect"), QStringLiteral("abc"),
                              QStringLiteral("--adb-serial-port") }
             << 1 << false;
+        QTest::newRow("timeout without wait")
+            << QStringList { QStringLiteral("connect"), QStringLiteral("abc"), QStringLiteral("--timeout"),
+                             QStringLiteral("5") }
+            << 1 << false;
+        QTest::newRow("timeout not a number")
+            << QStringList { QStringLiteral("connect"), QStringLiteral("abc"), QStringLiteral("--wait"),
+                             QStringLiteral("--timeout"), QStringLiteral("5s") }
+            << 1 << false;
+        QTest::newRow("timeout zero")
+            << QStringList { QStringLiteral("connect"), QStringLiteral("abc"), QStringLiteral("--wait"),
+                             QStringLiteral("--timeout"), QStringLiteral("0") }
+            << 1 << false;
+        QTest::newRow("wait with another command")
+            << QStringList { QStringLiteral("getinstances"), QStringLiteral("--wait") } << 1 << false;
         QTest::newRow("help") << QStringList { QStringLiteral("--help") } << 0 << true;
     }
 
@@ -348,6 +362,42 @@ private Q_SLOTS:
         const QJsonObject error = QJsonDocument::fromJson(process.readAllStandardError()).object();
         QCOMPARE(error.value(QStringLiteral("error")).toObject().value(QStringLiteral("message")).toString(),
                  message);
+    }
+
+    // Client and daemon append to one file; whichever rotates it, the other follows.
+    void logRotationKeepsTheSetNumberOfFiles()
+    {
+        constexpr int maxBytes = 2000;
+        QProcessEnvironment env = environment();
+        env.insert(QStringLiteral("KB_LOG_MAX_BYTES"), QString::number(maxBytes));
+        QCOMPARE(run({ QStringLiteral("start") }, &env).exitCode, 0);
+        const QString logPath = m_home->path() + QStringLiteral("/kbadbtunneld.log");
+        for (int i = 0; i < 60 && !QFileInfo::exists(logPath + QStringLiteral(".3")); ++i)
+            QCOMPARE(run({ QStringLiteral("getinstances") }, &env).exitCode, 0);
+        for (int i = 0; i < 10; ++i) // and past the third rotation, so that the oldest is dropped
+            QCOMPARE(run({ QStringLiteral("getinstances") }, &env).exitCode, 0);
+
+        QVERIFY(!QFileInfo::exists(logPath + QStringLiteral(".4")));
+        qint64 longestLine = 0;
+        for (const QString& name : { logPath, logPath + QStringLiteral(".1"), logPath + QStringLiteral(".2"),
+                                     logPath + QStringLiteral(".3") }) {
+            QFile file(name);
+            QVERIFY2(file.open(QIODevice::ReadOnly), qPrintable(name));
+            const QList<QByteArray> lines = file.readAll().split('\n');
+            for (const QByteArray& line : lines)
+                longestLine = qMax(longestLine, qint64(line.size() + 1));
+            QVERIFY2(file.size() <= maxBytes + longestLine, qPrintable(name));
+            QVERIFY(lines.first().startsWith("20")); // whole lines only: no line cut at a rotation
+        }
+        QVERIFY(QFileInfo(logPath + QStringLiteral(".3")).size() > maxBytes / 2);
+        // The daemon kept logging through all those rotations, to its very last line (into the
+        // current file, or the one just rotated when its line still fitted there).
+        QCOMPARE(run({ QStringLiteral("stop") }, &env).json().value(QStringLiteral("running")).toBool(true),
+                 false);
+        QFile previous(logPath + QStringLiteral(".1"));
+        QVERIFY(previous.open(QIODevice::ReadOnly));
+        QVERIFY((QString::fromUtf8(previous.readAll()) + log())
+                    .contains(QLatin1String("==== SERVER exit code: 0 ====")));
     }
 
     void relativeConfigHomeIsFatal()

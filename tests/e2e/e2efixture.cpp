@@ -166,6 +166,7 @@ void E2eFixture::useApiToken()
     file.write(QJsonDocument(QJsonObject { { QStringLiteral("api_token"),
                                              m_ready.value(QStringLiteral("api_token")) } })
                    .toJson());
+    file.setPermissions(QFile::ReadOwner | QFile::WriteOwner); // as a careful user keeps it
 }
 
 void E2eFixture::useCredentials(const QString& email, const QString& password)
@@ -175,6 +176,7 @@ void E2eFixture::useCredentials(const QString& email, const QString& password)
     file.write(QJsonDocument(QJsonObject { { QStringLiteral("email"), email },
                                            { QStringLiteral("password"), password } })
                    .toJson());
+    file.setPermissions(QFile::ReadOwner | QFile::WriteOwner);
 }
 
 void E2eFixture::writeConfig(const QJsonObject& config)

@@ -239,6 +239,10 @@ private Q_SLOTS:
             QVERIFY(log.contains("GET http://" + platform + "/v1/instances/" + uuid.toUtf8() + " "));
             QVERIFY(log.contains("CONNECT " + platform + " "));
         }
+
+        // doctor's authenticated request takes the same way.
+        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("doctor") }).exitCode, 0);
+        QVERIFY(proxy.log().contains("/v1/instances/00000000-0000-0000-0000-000000000000 "));
     }
 
     void invalidProxyUrlMeansNoProxy()
@@ -291,6 +295,8 @@ private Q_SLOTS:
         const QJsonObject entry = fixture.waitForState(uuid, QStringLiteral("FAILED"), 60000);
         QCOMPARE(entry.value(QStringLiteral("state")).toString(), QStringLiteral("FAILED"));
         QVERIFY(fixture.log().contains("Failed to retrieve instance access token:"));
+        // doctor, too, goes through the proxy or not at all.
+        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("doctor") }).exitCode, 2);
         // Nothing reached the platform, and the daemon still answers.
         QVERIFY(fixture.adminGet(QStringLiteral("requests"))
                     .value(QStringLiteral("requests"))

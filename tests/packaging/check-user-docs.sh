@@ -40,7 +40,7 @@ section()
 }
 
 mapfile -t commands < <(sed -n 's/.*_COMMAND("\([a-z]*\)").*/\1/p' "$src/src/daemon/adbtunnelparser.h")
-[[ ${#commands[@]} -eq 6 ]] || fail "expected 6 command words in adbtunnelparser.h, found: ${commands[*]}"
+[[ ${#commands[@]} -eq 7 ]] || fail "expected 7 command words in adbtunnelparser.h, found: ${commands[*]}"
 for command in "${commands[@]}"; do
     section COMMANDS | grep -E "^\.BI? $command( |\$)" >/dev/null || fail "command '$command' missing from COMMANDS"
 done
@@ -97,11 +97,13 @@ expect_candidates "getdaemoninfo getinstances" -- kbadbtunneld get
 expect_candidates "connect" -- kbadbtunneld conn
 expect_candidates "--help --help-all --version" -- kbadbtunneld --
 expect_candidates "--help --help-all --version" -- kbadbtunneld getinstances --
-expect_candidates "--adb-serial-port --help --help-all --version" -- kbadbtunneld connect --
+expect_candidates "--adb-serial-port --help --help-all --timeout --version --wait" -- kbadbtunneld connect --
 expect_candidates "--adb-serial-port" -- kbadbtunneld connect abc --adb
 expect_candidates "" -- kbadbtunneld disconnect --adb
 expect_candidates "" -- kbadbtunneld connect --adb-serial-port ''
 expect_candidates "" -- kbadbtunneld connect --adb-serial-port = ''
+expect_candidates "" -- kbadbtunneld connect --wait --timeout ''
+expect_candidates "" -- kbadbtunneld connect --timeout 5 abc ''
 expect_candidates "" -- kbadbtunneld connect ''
 expect_candidates "" -- kbadbtunneld stop ''
 
