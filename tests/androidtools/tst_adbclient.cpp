@@ -1,4 +1,5 @@
 #include "scriptedadb.h"
+#include "testkit.h"
 
 #include "androidtools/adbclient.h"
 
@@ -21,14 +22,8 @@
 namespace {
 
 const QString SERIAL = QStringLiteral("127.0.0.1:5555");
-const QString REAL_ADB = QStringLiteral("/usr/lib/android-sdk/platform-tools/adb");
-
-quint16 freeLoopbackPort()
-{
-    QTcpServer server;
-    server.listen(QHostAddress::LocalHost, 0);
-    return server.serverPort();
-}
+const QString REAL_ADB = TestKit::adbPath();
+using TestKit::freeLoopbackPort;
 
 bool isProcessGone(qint64 pid)
 {
