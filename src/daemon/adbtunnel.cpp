@@ -79,7 +79,8 @@ void AdbTunnel::doWork()
     INSTANCE_LOG_PREFIX;
     qDebug() << "Worker thread";
 
-    m_webSocket = m_networkProvider->createWebSocket(this);
+    m_webSocket
+        = m_parts.makeWebSocket ? m_parts.makeWebSocket(this) : m_networkProvider->createWebSocket(this);
     connect(m_webSocket, &AbstractWebSocket::disconnected, this, &AdbTunnel::onWebSocketDisconnected);
     connect(m_webSocket, &AbstractWebSocket::errorOccured, this, &AdbTunnel::onWebSocketError);
 

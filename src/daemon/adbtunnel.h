@@ -17,10 +17,12 @@ class AdbClient;
 class NetworkProvider;
 class QThread;
 
-// The parts of a tunnel that reach beyond this process other than through its sockets: the
-// platform's authentication and the local adb. An empty member means the real one.
+// The parts of a tunnel that reach beyond this process: the instance's web socket, the platform's
+// authentication and the local adb. An empty member means the real one.
 struct AdbTunnelParts
 {
+    // Called in the tunnel's thread; parent is the tunnel.
+    std::function<AbstractWebSocket*(QObject* parent)> makeWebSocket;
     // Called in the tunnel's thread with the tunnel's web socket; parent is the tunnel.
     std::function<PlatformAuthenticator*(AbstractWebSocket* webSocket, const QString& instanceId,
                                          QObject* parent)>
