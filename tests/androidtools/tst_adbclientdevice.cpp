@@ -40,11 +40,8 @@ private Q_SLOTS:
         // Every adb this process runs talks to a server of its own, with its keys in the test
         // directory: the user's adb server and devices are never touched.
         m_adb = std::make_unique<AdbServer>(m_dir.path());
-        const QProcessEnvironment adbEnv = m_adb->environment(QProcessEnvironment());
-        for (const QString& name : adbEnv.keys())
-            qputenv(name.toLocal8Bit().constData(), adbEnv.value(name).toLocal8Bit());
-        qunsetenv("ADB_SERVER_SOCKET");
-        qunsetenv("ANDROID_SERIAL");
+        m_adb->applyToThisProcess();
+        QVERIFY(m_adb->start());
 
         QString error;
         QVERIFY2(m_simulator.start({ QStringLiteral("--sandbox"), m_dir.path() + QStringLiteral("/sandbox") },

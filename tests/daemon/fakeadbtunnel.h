@@ -34,13 +34,6 @@ public:
             play(event);
     }
 
-    // Reports one event later, from the tunnel's own thread.
-    void playLater(QChar event)
-    {
-        QMetaObject::invokeMethod(
-            this, [this, event] { play(event); }, Qt::QueuedConnection);
-    }
-
 private:
     void play(QChar event)
     {

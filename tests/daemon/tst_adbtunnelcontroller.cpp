@@ -113,7 +113,7 @@ private Q_SLOTS:
 
         FakeTunnelFactory tunnels(scripts);
         // A restart delay the test outlives, so a restart that survived the deletion would show.
-        auto* controller = tunnels.controller(QStringLiteral("uuid-1"), 0, 200ms);
+        auto* controller = tunnels.controller(QStringLiteral("uuid-1"), 0, 500ms);
         QSignalSpy stopped(controller, &AdbTunnelController::stopped);
         QTRY_COMPARE(tunnels.started(), attemptsBeforeDeletion);
         QTest::qWait(20); // lets the controller take in what the attempt reported
@@ -123,7 +123,7 @@ private Q_SLOTS:
         delete controller;
         QCOMPARE(finished.size(), 1);
         QCOMPARE(tunnels.destroyed(), tunnels.attempts());
-        QTest::qWait(300);
+        QTest::qWait(600);
         QCOMPARE(tunnels.attempts(), attemptsBeforeDeletion);
         QVERIFY(stopped.isEmpty());
     }

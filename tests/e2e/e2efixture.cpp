@@ -25,6 +25,8 @@ E2eFixture::E2eFixture()
     QDir().mkpath(path(QStringLiteral("home")));
     QDir().mkpath(path(QStringLiteral("sandbox")));
     m_adb = std::make_unique<AdbServer>(path(QStringLiteral("home")));
+    if (!m_adb->start())
+        qWarning("the fixture's adb server did not start");
     writeConfig({});
 }
 

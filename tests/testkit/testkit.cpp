@@ -9,6 +9,18 @@
 #include <QTcpSocket>
 #include <QTest>
 
+#include <csignal>
+#include <sys/prctl.h>
+
+namespace {
+bool listens(quint16 port)
+{
+    QTcpSocket probe;
+    probe.connectToHost(QHostAddress::LocalHost, port);
+    return probe.waitForConnected(200);
+}
+} // namespace
+
 quint16 TestKit::freeLoopbackPort()
 {
     QTcpServer server;
@@ -88,6 +100,34 @@ QProcessEnvironment AdbServer::environment(QProcessEnvironment env) const
     return env;
 }
 
+bool AdbServer::start()
+{
+    m_stopped = false;
+    m_server.setProcessEnvironment(environment());
+    m_server.setStandardOutputFile(QProcess::nullDevice());
+    m_server.setStandardErrorFile(QProcess::nullDevice());
+    // Should the test crash, the server goes with it instead of lingering on its port.
+    m_server.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
+    m_server.start(TestKit::adbPath(),
+                   { QStringLiteral("-P"), QString::number(m_port), QStringLiteral("nodaemon"),
+                     QStringLiteral("server") });
+    if (!m_server.waitForStarted(10000))
+        return false;
+    return QTest::qWaitFor([this] { return listens(m_port) || m_server.state() == QProcess::NotRunning; },
+                           15000)
+        && m_server.state() == QProcess::Running;
+}
+
+void AdbServer::applyToThisProcess() const
+{
+    const QProcessEnvironment env = environment(QProcessEnvironment());
+    const QStringList names = env.keys();
+    for (const QString& name : names)
+        qputenv(name.toLocal8Bit().constData(), env.value(name).toLocal8Bit());
+    qunsetenv("ADB_SERVER_SOCKET");
+    qunsetenv("ANDROID_SERIAL");
+}
+
 AdbResult AdbServer::run(const QStringList& arguments, int timeoutMs) const
 {
     QProcess process;
@@ -111,15 +151,16 @@ void AdbServer::stop()
     if (m_stopped)
         return;
     m_stopped = true;
-    run({ QStringLiteral("kill-server") }, 20000);
-    // The server's pid is not ours to know: it is gone once its port refuses connections.
-    for (int attempt = 0; attempt < 50; ++attempt) {
-        QTcpSocket probe;
-        probe.connectToHost(QHostAddress::LocalHost, m_port);
-        if (!probe.waitForConnected(200))
-            return;
-        probe.abort();
-        QTest::qWait(100);
+    if (m_server.state() != QProcess::NotRunning) {
+        m_server.terminate();
+        if (!m_server.waitForFinished(10000)) {
+            m_server.kill();
+            m_server.waitForFinished(5000);
+        }
     }
-    qWarning("the test's adb server on port %d did not go away", m_port);
+    // A server that a client started is not our child: ask it to go, then see the port closed.
+    if (listens(m_port))
+        run({ QStringLiteral("kill-server") }, 20000);
+    if (!QTest::qWaitFor([this] { return !listens(m_port); }, 5000))
+        qWarning("the test's adb server on port %d did not go away", m_port);
 }

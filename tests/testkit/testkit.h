@@ -50,22 +50,29 @@ struct AdbResult
 };
 
 // The real adb, always on a server port of the test's own and with its keys in a private home
-// (a temporary one unless the test names one). stop() or the destructor ends the server.
+// (a temporary one unless the test names one). start() runs the server as this process's child,
+// so the test holds its pid; a client may also start one on the port (after a kill-server, say).
+// stop() or the destructor ends whichever runs.
 class AdbServer
 {
 public:
     explicit AdbServer(const QString& home = QString());
     ~AdbServer() { stop(); }
 
+    // False when the server does not listen within a few seconds.
+    bool start();
     quint16 port() const { return m_port; }
     // env, made to reach this server and no other.
     QProcessEnvironment environment(QProcessEnvironment env = QProcessEnvironment::systemEnvironment()) const;
+    // For tests whose code under test runs adb itself: this process's environment, the same way.
+    void applyToThisProcess() const;
     AdbResult run(const QStringList& arguments, int timeoutMs = 120000) const;
     void stop();
 
 private:
     QTemporaryDir m_tempHome;
     QString m_home;
+    QProcess m_server;
     quint16 m_port;
     bool m_stopped = false;
 };
