@@ -50,7 +50,13 @@ bool SimProcess::start(const QStringList& arguments, QString* error)
         error = &ignored;
     if (!m_logFile.isEmpty())
         m_process.setStandardErrorFile(m_logFile, QIODevice::Append);
+#ifdef KBPLATFORM_SIM_PATH
     m_process.start(QStringLiteral(KBPLATFORM_SIM_PATH), arguments);
+#else
+    Q_UNUSED(arguments)
+    *error = QStringLiteral("the simulator is not built (KB_BUILD_TOOLS=OFF)");
+    return false;
+#endif
     if (!m_process.waitForStarted(10000)) {
         *error = m_process.errorString();
         return false;
