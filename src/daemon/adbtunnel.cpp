@@ -41,9 +41,8 @@ AdbTunnel::AdbTunnel(NetworkProvider* networkProvider, AbstractCredentialsProvid
 {
     m_adbThread->setObjectName(QStringLiteral("adb-%1").arg(info->id));
     const QString prefix = QStringLiteral("[UUID:%1]").arg(info->id);
-    connect(
-        m_adbThread, &QThread::started, m_adbThread, [prefix] { LogHandler::setPrefix(prefix); },
-        Qt::DirectConnection);
+    connect(m_adbThread, &QThread::started, m_adbThread, [prefix] { LogHandler::setPrefix(prefix); },
+            Qt::DirectConnection);
 }
 
 AdbTunnel::~AdbTunnel()

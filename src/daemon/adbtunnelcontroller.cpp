@@ -30,9 +30,8 @@ AdbTunnelController::AdbTunnelController(AdbTunnelFactory makeTunnel, const QStr
     // Everything that runs in this thread concerns this one instance, including the network
     // layer's own log lines, so the whole thread carries the instance prefix.
     const QString prefix = QStringLiteral("[UUID:%1]").arg(id);
-    connect(
-        m_thread, &QThread::started, m_thread, [prefix] { LogHandler::setPrefix(prefix); },
-        Qt::DirectConnection);
+    connect(m_thread, &QThread::started, m_thread, [prefix] { LogHandler::setPrefix(prefix); },
+            Qt::DirectConnection);
     createTunnel();
 }
 
