@@ -92,9 +92,9 @@ public:
 
 public Q_SLOTS:
     // Runs "adb connect" unless the device is already usable. Emits connectSuccess or connectError.
-    void connectToAdb();
+    virtual void connectToAdb();
     // Runs "adb disconnect" only when the device is connected.
-    void disconnectFromAdb();
+    virtual void disconnectFromAdb();
 
 Q_SIGNALS:
     // adb connect exited with 0 (or the device was already there); not emitted once deleteLater

@@ -31,15 +31,14 @@ void AdbTunnel::AdbClientDeleter::operator()(AdbClient* client) const
 }
 
 AdbTunnel::AdbTunnel(NetworkProvider* networkProvider, AbstractCredentialsProvider* credentialsProvider,
-                     AdbTunnelInfo* info, QObject* parent)
-    : QObject(parent)
+                     AdbTunnelInfo* info, QObject* parent, AdbTunnelParts parts)
+    : AbstractAdbTunnel(parent)
     , m_info(info)
     , m_networkProvider(networkProvider)
     , m_credentialsProvider(credentialsProvider)
     , m_adbThread(new QThread(this))
+    , m_parts(std::move(parts))
 {
-    qRegisterMetaType<AdbTunnel::Error>("Error");
-    qRegisterMetaType<AdbTunnel::Error>("AdbTunnel::Error");
     m_adbThread->setObjectName(QStringLiteral("adb-%1").arg(info->id));
     const QString prefix = QStringLiteral("[UUID:%1]").arg(info->id);
     connect(m_adbThread, &QThread::started, m_adbThread, [prefix] { LogHandler::setPrefix(prefix); },
@@ -79,10 +78,26 @@ void AdbTunnel::doWork()
     INSTANCE_LOG_PREFIX;
     qDebug() << "Worker thread";
 
-    m_webSocket = m_networkProvider->createWebSocket(this);
+    m_webSocket
+        = m_parts.makeWebSocket ? m_parts.makeWebSocket(this) : m_networkProvider->createWebSocket(this);
     connect(m_webSocket, &AbstractWebSocket::disconnected, this, &AdbTunnel::onWebSocketDisconnected);
     connect(m_webSocket, &AbstractWebSocket::errorOccured, this, &AdbTunnel::onWebSocketError);
 
+    m_authenticator = m_parts.makeAuthenticator ? m_parts.makeAuthenticator(m_webSocket, m_info->id, this)
+                                                : makeAuthenticator();
+    connect(m_authenticator, &PlatformAuthenticator::authenticated, this,
+            &AdbTunnel::onAuthenticationSuccess);
+    connect(m_authenticator, &PlatformAuthenticator::error, this, &AdbTunnel::onAuthenticationError);
+
+    m_bridge = new WebSocketTcpBridge(m_webSocket, m_info->id, this);
+    connect(m_bridge, &WebSocketTcpBridge::stateChanged, this, &AdbTunnel::onBridgeStateChanged);
+    connect(m_bridge, &WebSocketTcpBridge::tcpSocketDisconnected, this, &AdbTunnel::connectToAdbTunnel);
+
+    m_authenticator->connectWebSocket();
+}
+
+PlatformAuthenticator* AdbTunnel::makeAuthenticator()
+{
     WebServiceClient* client = nullptr;
     if (m_credentialsProvider->hasApiToken()) {
         qDebug() << "Using authentication through API Token";
@@ -93,18 +108,8 @@ void AdbTunnel::doWork()
         client = new PlatformWebServiceClient(getPlatformBaseUrl(), m_credentialsProvider,
                                               m_networkProvider->getNetworkAccessManager(), this);
     }
-
     // Owned by the tunnel so that every attempt's authenticator goes with its attempt.
-    m_authenticator = new PlatformAuthenticator(m_webSocket, m_info->id, client, this);
-    connect(m_authenticator, &PlatformAuthenticator::authenticated, this,
-            &AdbTunnel::onAuthenticationSuccess);
-    connect(m_authenticator, &PlatformAuthenticator::error, this, &AdbTunnel::onAuthenticationError);
-
-    m_bridge = new WebSocketTcpBridge(m_webSocket, m_info->id, this);
-    connect(m_bridge, &WebSocketTcpBridge::stateChanged, this, &AdbTunnel::onBridgeStateChanged);
-    connect(m_bridge, &WebSocketTcpBridge::tcpSocketDisconnected, this, &AdbTunnel::connectToAdbTunnel);
-
-    m_authenticator->connectWebSocket();
+    return new PlatformAuthenticator(m_webSocket, m_info->id, client, this);
 }
 
 void AdbTunnel::onAuthenticationSuccess()
@@ -170,7 +175,7 @@ void AdbTunnel::connectToAdbTunnel()
         return;
     }
 
-    m_adbClient.reset(new AdbClient(serial));
+    m_adbClient.reset(m_parts.makeAdbClient ? m_parts.makeAdbClient(serial) : new AdbClient(serial));
     if (!m_adbThread->isRunning())
         m_adbThread->start();
     connect(m_adbClient.get(), &AdbClient::connectSuccess, this, &AdbTunnel::onAdbconnectSuccess);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "abstractadbtunnel.h"
 #include "adbtunnelinfo.h"
 #include "platformauthenticator.h"
 #include "web_socket_tcp_bridge.h"
@@ -7,6 +8,7 @@
 #include <QObject>
 #include <QUrl>
 
+#include <functional>
 #include <memory>
 
 class AbstractCredentialsProvider;
@@ -15,34 +17,36 @@ class AdbClient;
 class NetworkProvider;
 class QThread;
 
+// The parts of a tunnel that reach beyond this process: the instance's web socket, the platform's
+// authentication and the local adb. An empty member means the real one.
+struct AdbTunnelParts
+{
+    // Called in the tunnel's thread; parent is the tunnel.
+    std::function<AbstractWebSocket*(QObject* parent)> makeWebSocket;
+    // Called in the tunnel's thread with the tunnel's web socket; parent is the tunnel.
+    std::function<PlatformAuthenticator*(AbstractWebSocket* webSocket, const QString& instanceId,
+                                         QObject* parent)>
+        makeAuthenticator;
+    // Called in the tunnel's thread; the tunnel moves the client to its ADB thread.
+    std::function<AdbClient*(const QString& serial)> makeAdbClient;
+};
+
 // One attempt at connecting one cloud instance to the local ADB server: authentication, the
 // bridge on a local port, then `adb connect`. Lives in its controller's worker thread; a
 // restart is a new AdbTunnel.
-class AdbTunnel : public QObject
+class AdbTunnel : public AbstractAdbTunnel
 {
     Q_OBJECT
 public:
-    enum Error {
-        AuthenticationError = 0,
-        DisconnectionError = 1,
-        BridgeBusyPortError = 2,
-        AdbError = 3,
-    };
-    Q_ENUM(Error)
-
     AdbTunnel(NetworkProvider* networkProvider, AbstractCredentialsProvider* credentialsProvider,
-              AdbTunnelInfo* info, QObject* parent = nullptr);
+              AdbTunnelInfo* info, QObject* parent = nullptr, AdbTunnelParts parts = {});
     ~AdbTunnel() override;
 
     QString getDeviceId() const;
     QString getDeviceSerial() const;
 
 public Q_SLOTS:
-    void doWork();
-
-Q_SIGNALS:
-    void success(); // ADB is connected through the tunnel; emitted from the tunnel's thread
-    void error(const AdbTunnel::Error& error); // every failure, once per cause; tunnel's thread
+    void doWork() override;
 
 private Q_SLOTS:
     void onAuthenticationSuccess();
@@ -57,6 +61,7 @@ private Q_SLOTS:
 private:
     // Records why in the shared info, so that the daemon can tell the user, then emits error().
     void fail(Error error, const QString& reason);
+    PlatformAuthenticator* makeAuthenticator();
 
     struct AdbClientDeleter
     {
@@ -71,9 +76,8 @@ private:
     NetworkProvider* m_networkProvider;
     AbstractCredentialsProvider* m_credentialsProvider;
     QThread* m_adbThread;
+    AdbTunnelParts m_parts;
 };
-
-Q_DECLARE_METATYPE(AdbTunnel::Error)
 
 // The platform's REST base URL: $KB_PLATFORM_BASE_URL, or the production platform.
 QUrl getPlatformBaseUrl();

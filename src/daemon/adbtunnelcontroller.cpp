@@ -7,17 +7,22 @@
 #include <QThread>
 #include <QTimer>
 
-namespace {
-constexpr int RESTART_DELAY_MS = 1000;
-} // namespace
-
 AdbTunnelController::AdbTunnelController(NetworkProvider* networkProvider,
                                          AbstractCredentialsProvider* credentialsProvider, const QString& id,
                                          quint16 port)
+    : AdbTunnelController(
+        [networkProvider, credentialsProvider](AdbTunnelInfo* info) {
+            return new AdbTunnel(networkProvider, credentialsProvider, info, nullptr);
+        },
+        id, port)
+{ }
+
+AdbTunnelController::AdbTunnelController(AdbTunnelFactory makeTunnel, const QString& id, quint16 port,
+                                         std::chrono::milliseconds restartDelay)
     : QObject(nullptr)
     , m_thread(new QThread(this))
-    , m_networkProvider(networkProvider)
-    , m_credentialsProvider(credentialsProvider)
+    , m_makeTunnel(std::move(makeTunnel))
+    , m_restartDelay(restartDelay)
 {
     m_info.id = id;
     m_info.port = port;
@@ -33,7 +38,7 @@ AdbTunnelController::AdbTunnelController(NetworkProvider* networkProvider,
 AdbTunnelController::~AdbTunnelController()
 {
     if (m_tunnel) {
-        AdbTunnel* tunnel = m_tunnel;
+        AbstractAdbTunnel* tunnel = m_tunnel;
         m_tunnel = nullptr;
         tunnel->deleteLater();
     }
@@ -71,15 +76,15 @@ void AdbTunnelController::createTunnel()
     if (!m_thread->isRunning())
         m_thread->start(QThread::InheritPriority);
 
-    AdbTunnel* previous = m_tunnel;
-    m_tunnel = new AdbTunnel(m_networkProvider, m_credentialsProvider, &m_info, nullptr);
+    AbstractAdbTunnel* previous = m_tunnel;
+    m_tunnel = m_makeTunnel(&m_info);
     if (previous)
         previous->deleteLater();
     m_tunnel->moveToThread(m_thread);
 
-    connect(m_tunnel, &AdbTunnel::error, this, &AdbTunnelController::onTunnelError);
-    connect(m_tunnel, &AdbTunnel::success, this, &AdbTunnelController::onTunnelSuccess);
-    QMetaObject::invokeMethod(m_tunnel, &AdbTunnel::doWork, Qt::QueuedConnection);
+    connect(m_tunnel, &AbstractAdbTunnel::error, this, &AdbTunnelController::onTunnelError);
+    connect(m_tunnel, &AbstractAdbTunnel::success, this, &AdbTunnelController::onTunnelSuccess);
+    QMetaObject::invokeMethod(m_tunnel, &AbstractAdbTunnel::doWork, Qt::QueuedConnection);
 }
 
 void AdbTunnelController::onTunnelSuccess()
@@ -116,7 +121,7 @@ void AdbTunnelController::onTunnelError(const AdbTunnel::Error& error)
 
     if (restartable && canRestart()) {
         qDebug() << "adb tunnel will restart for device";
-        QTimer::singleShot(RESTART_DELAY_MS, this, &AdbTunnelController::createTunnel);
+        QTimer::singleShot(m_restartDelay, this, &AdbTunnelController::createTunnel);
         return;
     }
 

@@ -5,7 +5,14 @@
 
 #include <QObject>
 
+#include <chrono>
+#include <functional>
+
 class QThread;
+
+// Makes the tunnel of one attempt, in the controller's thread; the controller moves it to the
+// worker thread and owns it from then on.
+using AdbTunnelFactory = std::function<AbstractAdbTunnel*(AdbTunnelInfo* info)>;
 
 // Owns one instance's tunnel: a worker thread, one AdbTunnel per attempt, and the restart
 // policy (at most 10 attempts in a row, one second apart). Lives in the daemon's thread.
@@ -13,8 +20,14 @@ class AdbTunnelController : public QObject
 {
     Q_OBJECT
 public:
+    static constexpr std::chrono::milliseconds RESTART_DELAY { 1000 };
+
+    // Attempts with the real AdbTunnel.
     AdbTunnelController(NetworkProvider* networkProvider, AbstractCredentialsProvider* credentialsProvider,
                         const QString& id, quint16 port);
+    // Attempts with whatever makeTunnel builds; tests shorten the pause between attempts here.
+    AdbTunnelController(AdbTunnelFactory makeTunnel, const QString& id, quint16 port,
+                        std::chrono::milliseconds restartDelay = RESTART_DELAY);
     ~AdbTunnelController() override;
 
     AdbTunnelInfo info() const;
@@ -35,11 +48,11 @@ Q_SIGNALS:
 private:
     static constexpr qint8 MAX_RESTARTS = 10;
 
-    AdbTunnel* m_tunnel = nullptr;
+    AbstractAdbTunnel* m_tunnel = nullptr;
     AdbTunnelInfo m_info;
     QThread* m_thread;
     qint8 m_restartsLeft = MAX_RESTARTS;
     bool m_retryEnabled = true;
-    NetworkProvider* m_networkProvider;
-    AbstractCredentialsProvider* m_credentialsProvider;
+    AdbTunnelFactory m_makeTunnel;
+    std::chrono::milliseconds m_restartDelay;
 };

@@ -27,11 +27,19 @@ QString prefixFor(const QString& id)
 } // namespace
 
 AdbTunnelDaemon::AdbTunnelDaemon(NetworkProvider* networkProvider,
-                                 AbstractCredentialsProvider* credentialsProvider, QObject* parent)
+                                 AbstractCredentialsProvider* credentialsProvider, QObject* parent,
+                                 AdbTunnelControllerFactory makeController)
     : QObject(parent)
     , m_networkProvider(networkProvider)
     , m_credentialsProvider(credentialsProvider)
-{ }
+    , m_makeController(std::move(makeController))
+{
+    if (!m_makeController) {
+        m_makeController = [networkProvider, credentialsProvider](const QString& id, quint16 port) {
+            return new AdbTunnelController(networkProvider, credentialsProvider, id, port);
+        };
+    }
+}
 
 AdbTunnelDaemon::~AdbTunnelDaemon()
 {
@@ -116,7 +124,7 @@ void AdbTunnelDaemon::createAdbTunnel(const QString& id, quint16 port)
         return;
     }
 
-    auto* controller = new AdbTunnelController(m_networkProvider, m_credentialsProvider, id, port);
+    AdbTunnelController* controller = m_makeController(id, port);
     m_tunnelControllers.insert(id, controller);
 
     connect(controller, &AdbTunnelController::stopped, this, &AdbTunnelDaemon::deleteAdbTunnel);

@@ -7,10 +7,15 @@
 #include <QObject>
 #include <QVariant>
 
+#include <functional>
+
 class AbstractCredentialsProvider;
 class AdbTunnelController;
 class AttachedSerials;
 class NetworkProvider;
+
+// Makes the controller of one instance, started at once; the daemon owns it.
+using AdbTunnelControllerFactory = std::function<AdbTunnelController*(const QString& id, quint16 port)>;
 
 // The daemon's command handler and registry: one controller per connected instance and the
 // last known state of every instance a client asked about. Lives in the main thread.
@@ -18,8 +23,9 @@ class AdbTunnelDaemon : public QObject
 {
     Q_OBJECT
 public:
+    // Without makeController, controllers run the real tunnel with these providers.
     AdbTunnelDaemon(NetworkProvider* networkProvider, AbstractCredentialsProvider* credentialsProvider,
-                    QObject* parent = nullptr);
+                    QObject* parent = nullptr, AdbTunnelControllerFactory makeController = {});
     ~AdbTunnelDaemon() override;
 
     QVariant handleMessage(const QVariantMap& message);
@@ -46,4 +52,5 @@ private:
     NetworkProvider* m_networkProvider;
     AbstractCredentialsProvider* m_credentialsProvider;
     AttachedSerials* m_attachedSerials = nullptr;
+    AdbTunnelControllerFactory m_makeController;
 };

@@ -27,7 +27,7 @@ public:
                           WebServiceClient* webServiceClient, QObject* parent = nullptr);
     ~PlatformAuthenticator() override;
 
-    void connectWebSocket();
+    virtual void connectWebSocket(); // virtual so a tunnel can be tested without the platform
     static QString errorCodeToString(PlatformAuthenticator::Error error);
 
 Q_SIGNALS:

@@ -1,13 +1,11 @@
 #include "scriptedadb.h"
+#include "testkit.h"
 
 #include "androidtools/adbclient.h"
 
-#include <QHostAddress>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QSignalSpy>
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QTest>
 #include <QThread>
 #include <QTimer>
@@ -16,19 +14,12 @@
 
 #include <cerrno>
 #include <signal.h>
-#include <sys/prctl.h>
 
 namespace {
 
 const QString SERIAL = QStringLiteral("127.0.0.1:5555");
-const QString REAL_ADB = QStringLiteral("/usr/lib/android-sdk/platform-tools/adb");
-
-quint16 freeLoopbackPort()
-{
-    QTcpServer server;
-    server.listen(QHostAddress::LocalHost, 0);
-    return server.serverPort();
-}
+const QString REAL_ADB = TestKit::adbPath();
+using TestKit::freeLoopbackPort;
 
 bool isProcessGone(qint64 pid)
 {
@@ -72,9 +63,7 @@ private:
 
     TestToolsProvider m_provider;
     std::unique_ptr<ScriptedAdb> m_adb;
-    QTemporaryDir m_home;
-    QProcess m_adbServer;
-    quint16 m_adbServerPort = 0;
+    std::unique_ptr<AdbServer> m_adbServer;
 };
 
 void tst_AdbClient::initTestCase()
@@ -82,46 +71,17 @@ void tst_AdbClient::initTestCase()
     AndroidToolsProvider::setInstance(&m_provider);
     // Read once per process: every wait in this test checks the device twice, 2 s apart.
     qputenv(AdbClient::MAX_ADB_CONNECT_ATTEMPTS_ENV, "2");
-    // The real adb writes its keys and logs under $HOME/.android.
-    QVERIFY(m_home.isValid());
-    qputenv("HOME", m_home.path().toLocal8Bit());
-
     if (!QFile::exists(REAL_ADB))
         return;
-    // A server of our own on loopback, started here so that we hold its pid. The clients name the
-    // address; the server only accepts a bare port, which it binds on loopback.
-    m_adbServerPort = freeLoopbackPort();
-    qputenv("ADB_SERVER_SOCKET", QByteArrayLiteral("tcp:127.0.0.1:") + QByteArray::number(m_adbServerPort));
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("ADB_SERVER_SOCKET"), QStringLiteral("tcp:%1").arg(m_adbServerPort));
-    m_adbServer.setProcessEnvironment(env);
-    m_adbServer.setStandardOutputFile(QProcess::nullDevice());
-    m_adbServer.setStandardErrorFile(QProcess::nullDevice());
-    // Should this test crash, the server goes with it instead of lingering on its port.
-    m_adbServer.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
-    m_adbServer.start(REAL_ADB, { QStringLiteral("nodaemon"), QStringLiteral("server") });
-    QVERIFY2(m_adbServer.waitForStarted(), qPrintable(m_adbServer.errorString()));
-    const auto listening = [this] {
-        QTcpSocket socket;
-        socket.connectToHost(QHostAddress::LocalHost, m_adbServerPort);
-        return socket.waitForConnected(200);
-    };
-    QTRY_VERIFY_WITH_TIMEOUT(listening() || m_adbServer.state() == QProcess::NotRunning, 15000);
-    QCOMPARE(m_adbServer.state(), QProcess::Running);
+    // The real adb writes its keys and logs under $HOME/.android: a private home and server.
+    m_adbServer = std::make_unique<AdbServer>();
+    m_adbServer->applyToThisProcess();
+    QVERIFY(m_adbServer->start());
 }
 
 void tst_AdbClient::cleanupTestCase()
 {
-    if (m_adbServer.state() == QProcess::NotRunning)
-        return;
-    QProcess killServer;
-    killServer.start(REAL_ADB, { QStringLiteral("kill-server") });
-    killServer.waitForFinished(10000);
-    if (!m_adbServer.waitForFinished(10000)) {
-        m_adbServer.kill();
-        m_adbServer.waitForFinished(10000);
-    }
-    QCOMPARE(m_adbServer.state(), QProcess::NotRunning);
+    m_adbServer.reset();
 }
 
 void tst_AdbClient::init()
@@ -143,7 +103,7 @@ void tst_AdbClient::useAdb(const QString& kind)
 
 void tst_AdbClient::requireRealAdb()
 {
-    if (m_adbServer.state() != QProcess::Running)
+    if (!m_adbServer)
         QSKIP("Debian's adb is not installed");
     m_provider.adbPath = REAL_ADB;
 }

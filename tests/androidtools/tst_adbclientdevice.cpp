@@ -1,31 +1,23 @@
 // AdbClient's device commands, run by Debian's adb against the simulator's emulated device.
 #include "androidtools/adbclient.h"
 #include "androidtools/androidtoolsprovider.h"
+#include "testkit.h"
 
-#include <QCryptographicHash>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
-#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <memory>
 
 namespace {
 
 class FixedToolsProvider : public AndroidToolsProvider
 {
 public:
-    QString getAdbPath() override { return QStringLiteral("/usr/lib/android-sdk/platform-tools/adb"); }
+    QString getAdbPath() override { return TestKit::adbPath(); }
     QString getAaptPath() override { return {}; }
 };
 
-QByteArray sha256(const QString& path)
-{
-    QFile file(path);
-    file.open(QIODevice::ReadOnly);
-    return QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256);
-}
+using TestKit::sha256;
 
 } // namespace
 
@@ -35,7 +27,8 @@ class TestAdbClientDevice : public QObject
 
 private:
     QTemporaryDir m_dir;
-    QProcess m_simulator;
+    SimProcess m_simulator;
+    std::unique_ptr<AdbServer> m_adb;
     FixedToolsProvider m_tools;
     QString m_serial;
     QString m_sandbox;
@@ -44,22 +37,17 @@ private Q_SLOTS:
     void initTestCase()
     {
         AndroidToolsProvider::setInstance(&m_tools);
-        QTcpServer probe;
-        QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
-        const quint16 adbPort = probe.serverPort();
-        probe.close();
         // Every adb this process runs talks to a server of its own, with its keys in the test
         // directory: the user's adb server and devices are never touched.
-        qputenv("ANDROID_ADB_SERVER_PORT", QByteArray::number(adbPort));
-        qunsetenv("ADB_SERVER_SOCKET");
-        qunsetenv("ANDROID_SERIAL");
-        qputenv("HOME", m_dir.path().toLocal8Bit());
+        m_adb = std::make_unique<AdbServer>(m_dir.path());
+        m_adb->applyToThisProcess();
+        QVERIFY(m_adb->start());
 
-        m_simulator.start(QStringLiteral(KBPLATFORM_SIM_PATH),
-                          { QStringLiteral("--sandbox"), m_dir.path() + QStringLiteral("/sandbox") });
-        QVERIFY(m_simulator.waitForReadyRead(10000));
-        const QJsonObject ready = QJsonDocument::fromJson(m_simulator.readLine()).object();
-        const QJsonObject instance = ready.value(QStringLiteral("instances")).toArray().first().toObject();
+        QString error;
+        QVERIFY2(m_simulator.start({ QStringLiteral("--sandbox"), m_dir.path() + QStringLiteral("/sandbox") },
+                                   &error),
+                 qPrintable(error));
+        const QJsonObject instance = m_simulator.instance();
         m_serial = QStringLiteral("127.0.0.1:%1").arg(instance.value(QStringLiteral("device_port")).toInt());
         m_sandbox
             = m_dir.path() + QStringLiteral("/sandbox/") + instance.value(QStringLiteral("uuid")).toString();
@@ -73,10 +61,8 @@ private Q_SLOTS:
 
     void cleanupTestCase()
     {
-        QProcess::execute(m_tools.getAdbPath(), { QStringLiteral("kill-server") });
-        m_simulator.terminate();
-        if (!m_simulator.waitForFinished(5000))
-            m_simulator.kill();
+        m_adb.reset();
+        m_simulator.stop();
         AndroidToolsProvider::setInstance(nullptr);
     }
 

@@ -261,22 +261,6 @@ private Q_SLOTS:
                  true);
     }
 
-    void daemonInfoShowsPlatformAndProxy()
-    {
-        QFile config(m_home->path() + QStringLiteral("/config.json"));
-        QVERIFY(config.open(QIODevice::WriteOnly));
-        config.write("{\"proxy\": \"socks5://user:pw@127.0.0.1:1080\"}");
-        config.close();
-        QProcessEnvironment env = environment();
-        env.insert(QStringLiteral("KB_PLATFORM_BASE_URL"), QStringLiteral("http://127.0.0.1:9/api"));
-        QCOMPARE(run({ QStringLiteral("start") }, &env).exitCode, 0);
-        const QJsonObject info = run({ QStringLiteral("getdaemoninfo") }).json();
-        QCOMPARE(info.value(QStringLiteral("platform_url")).toString(),
-                 QStringLiteral("http://127.0.0.1:9/api"));
-        QCOMPARE(info.value(QStringLiteral("proxy")).toString(), QStringLiteral("127.0.0.1:1080"));
-        QVERIFY(log().contains(QLatin1String("Config proxy used: socks5://127.0.0.1:1080")));
-    }
-
     void signalsEndTheDaemonCleanly_data()
     {
         QTest::addColumn<int>("signal");

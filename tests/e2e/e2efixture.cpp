@@ -1,8 +1,6 @@
 #include "e2efixture.h"
 
-#include <QCryptographicHash>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
@@ -12,8 +10,7 @@
 #include <QNetworkReply>
 #include <QRandomGenerator>
 #include <QRegularExpression>
-#include <QTcpServer>
-#include <QThread>
+#include <QTest>
 #include <QTimer>
 
 #include <csignal>
@@ -27,7 +24,9 @@ E2eFixture::E2eFixture()
 {
     QDir().mkpath(path(QStringLiteral("home")));
     QDir().mkpath(path(QStringLiteral("sandbox")));
-    m_adbPort = freePort();
+    m_adb = std::make_unique<AdbServer>(path(QStringLiteral("home")));
+    if (!m_adb->start())
+        qWarning("the fixture's adb server did not start");
     writeConfig({});
 }
 
@@ -38,7 +37,7 @@ E2eFixture::~E2eFixture()
         if (::kill(pid_t(pid), 0) == 0)
             ::kill(pid_t(pid), SIGKILL);
     }
-    adb({ QStringLiteral("kill-server") }, 15000);
+    m_adb->stop();
     for (auto& helper : m_helpers) {
         helper->terminate();
         if (!helper->waitForFinished(5000)) {
@@ -88,48 +87,27 @@ QProcess* E2eFixture::startProcess(const QString& program, const QStringList& ar
 
 QString E2eFixture::adbPath()
 {
-    return QStringLiteral("/usr/lib/android-sdk/platform-tools/adb");
+    return TestKit::adbPath();
 }
 
 quint16 E2eFixture::freePort()
 {
-    QTcpServer server;
-    server.listen(QHostAddress::LocalHost, 0);
-    return server.serverPort();
+    return TestKit::freeLoopbackPort();
 }
 
 bool E2eFixture::startSimulator(const QStringList& arguments)
 {
     m_simulatorArguments = arguments;
-    m_simulator = std::make_unique<QProcess>();
-    m_simulator->setProcessChannelMode(QProcess::SeparateChannels);
-    m_simulator->setStandardErrorFile(path(QStringLiteral("simulator.log")), QIODevice::Append);
-    m_simulator->start(QStringLiteral(KBPLATFORM_SIM_PATH),
-                       QStringList { QStringLiteral("--sandbox"), path(QStringLiteral("sandbox")) }
-                           + arguments);
-    if (!m_simulator->waitForStarted(10000))
-        return false;
-    QByteArray line;
-    QElapsedTimer timer;
-    timer.start();
-    while (!line.contains('\n') && timer.elapsed() < 20000) {
-        if (!m_simulator->waitForReadyRead(1000) && m_simulator->state() != QProcess::Running)
-            return false;
-        line += m_simulator->readAllStandardOutput();
-    }
-    m_ready = QJsonDocument::fromJson(line.left(line.indexOf('\n'))).object();
-    return !m_ready.isEmpty();
+    m_simulator = std::make_unique<SimProcess>();
+    m_simulator->setLogFile(path(QStringLiteral("simulator.log")));
+    const bool started = m_simulator->start(
+        QStringList { QStringLiteral("--sandbox"), path(QStringLiteral("sandbox")) } + arguments);
+    m_ready = m_simulator->ready;
+    return started;
 }
 
 void E2eFixture::stopSimulator()
 {
-    if (!m_simulator)
-        return;
-    m_simulator->terminate();
-    if (!m_simulator->waitForFinished(5000)) {
-        m_simulator->kill();
-        m_simulator->waitForFinished(5000);
-    }
     m_simulator.reset();
 }
 
@@ -191,17 +169,11 @@ void E2eFixture::writeConfig(const QJsonObject& config)
 
 QProcessEnvironment E2eFixture::environment() const
 {
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    // The daemon runs adb too: both reach the fixture's adb server, with adb's state (keys,
+    // known devices) in the fixture's home.
+    QProcessEnvironment env = m_adb->environment();
     env.remove(QStringLiteral("KB_LOG_TO_STDERR"));
-    env.remove(QStringLiteral("ANDROID_SERIAL"));
     env.insert(QStringLiteral("KBSAAS_CONFIG_HOME"), path(QStringLiteral("home")));
-    // adb refuses to start a server for an explicit ADB_SERVER_SOCKET; the port variable is
-    // what makes it start its own, on loopback.
-    env.remove(QStringLiteral("ADB_SERVER_SOCKET"));
-    env.insert(QStringLiteral("ANDROID_ADB_SERVER_PORT"), QString::number(m_adbPort));
-    // Keep adb's own state (keys, known devices) out of the user's home.
-    env.insert(QStringLiteral("HOME"), path(QStringLiteral("home")));
-    env.insert(QStringLiteral("ANDROID_USER_HOME"), path(QStringLiteral("home/.android")));
     if (!m_ready.isEmpty())
         env.insert(QStringLiteral("KB_PLATFORM_BASE_URL"),
                    m_ready.value(QStringLiteral("base_url")).toString());
@@ -251,15 +223,13 @@ QJsonObject E2eFixture::instance(const QString& uuid) const
 
 QJsonObject E2eFixture::waitForState(const QString& uuid, const QString& state, int timeoutMs) const
 {
-    QElapsedTimer timer;
-    timer.start();
     QJsonObject entry;
-    do {
-        entry = instance(uuid);
-        if (entry.value(QStringLiteral("state")).toString() == state)
-            return entry;
-        QThread::msleep(100);
-    } while (timer.elapsed() < timeoutMs);
+    (void)QTest::qWaitFor(
+        [&] {
+            entry = instance(uuid);
+            return entry.value(QStringLiteral("state")).toString() == state;
+        },
+        timeoutMs);
     return entry;
 }
 
@@ -327,10 +297,5 @@ QString E2eFixture::makeFile(const QString& name, qint64 size) const
 
 QByteArray E2eFixture::sha256(const QString& file)
 {
-    QFile f(file);
-    if (!f.open(QIODevice::ReadOnly))
-        return {};
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    hash.addData(&f);
-    return hash.result().toHex();
+    return TestKit::sha256(file);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "testkit.h"
+
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QProcess>
@@ -72,12 +74,12 @@ public:
 
 private:
     QTemporaryDir m_dir;
-    std::unique_ptr<QProcess> m_simulator;
+    std::unique_ptr<SimProcess> m_simulator;
     QList<qint64> daemonPids() const;
 
     QStringList m_simulatorArguments;
     std::vector<std::unique_ptr<QProcess>> m_helpers;
     QJsonObject m_ready;
-    quint16 m_adbPort = 0;
+    std::unique_ptr<AdbServer> m_adb;
     QProcessEnvironment m_extraEnv;
 };

@@ -111,39 +111,6 @@ private Q_SLOTS:
         checkShell(fixture, serialOf(fixture.instance(uuid)));
     }
 
-    void severalInstancesAtOnce_data()
-    {
-        QTest::addColumn<int>("count");
-        QTest::newRow("2") << 2;
-        QTest::newRow("10") << 10;
-    }
-
-    void severalInstancesAtOnce()
-    {
-        QFETCH(int, count);
-        E2eFixture fixture;
-        QVERIFY(fixture.startSimulator({ QStringLiteral("--instances"), QString::number(count) }));
-        fixture.useApiToken();
-        for (int i = 0; i < count; ++i)
-            QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), fixture.instanceUuid(i) }).exitCode,
-                     0);
-        QSet<QString> serials;
-        for (int i = 0; i < count; ++i) {
-            const QJsonObject entry
-                = fixture.waitForState(fixture.instanceUuid(i), QStringLiteral("CONNECTED"), 60000);
-            QCOMPARE(entry.value(QStringLiteral("state")).toString(), QStringLiteral("CONNECTED"));
-            serials.insert(serialOf(entry));
-        }
-        QCOMPARE(serials.size(), count);
-        for (const QString& serial : std::as_const(serials)) {
-            const E2eFixture::Result result
-                = fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"),
-                                QStringLiteral("getprop ro.product.model") });
-            QCOMPARE(result.exitCode, 0);
-            QVERIFY(!result.out.trimmed().isEmpty());
-        }
-    }
-
     void requestedPortAndBusyPort()
     {
         E2eFixture fixture;
@@ -248,18 +215,6 @@ private Q_SLOTS:
         QCOMPARE(E2eFixture::sha256(fixture.path(QStringLiteral("sandbox")) + QStringLiteral("/") + uuid
                                     + QStringLiteral("/data/local/tmp/again.bin")),
                  E2eFixture::sha256(file));
-    }
-
-    void platformGoneForGood()
-    {
-        E2eFixture fixture;
-        QVERIFY(!connectOne(fixture).isEmpty());
-        const QString uuid = fixture.instanceUuid();
-        fixture.stopSimulator();
-        const QJsonObject entry = fixture.waitForState(uuid, QStringLiteral("FAILED"), 120000);
-        QCOMPARE(entry.value(QStringLiteral("state")).toString(), QStringLiteral("FAILED"));
-        // The daemon itself keeps serving.
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("getdaemoninfo") }).exitCode, 0);
     }
 
     void stopLeavesNoStaleDevice()
