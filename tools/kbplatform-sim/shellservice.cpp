@@ -172,7 +172,8 @@ void ShellService::takeInput(const QByteArray& data)
     if (m_master >= 0) {
         m_masterPending.append(data);
         onPtyWritable();
-    } else if (m_process && m_process->state() == QProcess::Running) {
+    } else if (m_process && m_process->state() != QProcess::NotRunning) {
+        // A process still starting buffers what it is given: the host writes right after OPEN.
         m_process->write(data);
     }
 }
