@@ -366,9 +366,8 @@ void ShellService::stop()
     // to finish with it; its output goes nowhere. The application outlives this service.
     QProcess* process = std::exchange(m_process, nullptr);
     process->setParent(QCoreApplication::instance());
-    const qint64 pid = process->processId();
     if (m_paused)
-        ::kill(-pid_t(pid), SIGCONT);
+        signalGroup(process, SIGCONT);
     process->closeWriteChannel();
     const auto discard = [process] {
         process->readAllStandardOutput();
@@ -377,8 +376,8 @@ void ShellService::stop()
     connect(process, &QProcess::readyReadStandardOutput, process, discard);
     connect(process, &QProcess::readyReadStandardError, process, discard);
     connect(process, &QProcess::finished, process, &QObject::deleteLater);
-    const auto end = [process, pid] {
-        ::kill(-pid_t(pid), SIGKILL);
+    const auto end = [process] {
+        signalGroup(process, SIGKILL);
         process->kill();
     };
     QTimer::singleShot(INPUT_GRACE_MS, process, end);
@@ -387,7 +386,13 @@ void ShellService::stop()
 
 void ShellService::signalGroup(int signal)
 {
-    const qint64 pid = m_process ? m_process->processId() : 0;
+    signalGroup(m_process, signal);
+}
+
+void ShellService::signalGroup(QProcess* process, int signal)
+{
+    // No pid yet while starting: kill(0) would hit the simulator's own group.
+    const qint64 pid = process ? process->processId() : 0;
     if (pid > 0)
         ::kill(-pid_t(pid), signal);
 }
