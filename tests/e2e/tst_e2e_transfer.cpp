@@ -106,6 +106,17 @@ private Q_SLOTS:
         QCOMPARE(shell.err, QByteArray("err\n"));
         QCOMPARE(shell.exitCode, 3);
 
+        // A streamed install: abb_exec with the APK on the stream.
+        QFile apk(fixture.path(QStringLiteral("demo.apk")));
+        QVERIFY(apk.open(QIODevice::WriteOnly));
+        apk.write("package=com.example.tunnel\n" + QByteArray(200000, 'k'));
+        apk.close();
+        const E2eFixture::Result install = adb({ QStringLiteral("install"), apk.fileName() });
+        QVERIFY2(install.out.contains("Performing Streamed Install\nSuccess"),
+                 (install.out + install.err).constData());
+        QVERIFY(adb({ QStringLiteral("uninstall"), QStringLiteral("com.example.tunnel") })
+                    .out.contains("Success"));
+
         // Both stream directions: the host opens for `adb forward`, the device for `adb reverse`.
         QTcpServer echo;
         QVERIFY(echo.listen(QHostAddress::LocalHost, 0));
