@@ -503,7 +503,7 @@ void TestSimPlatform::adbOverWebSocket()
     const QByteArray cnxn = tunnel->next();
     QCOMPARE(AdbPacket::headerWord(cnxn, 0), quint32(AdbPacket::CNXN));
     QVERIFY(cnxn.mid(24).startsWith("device::ro.product.name="));
-    QVERIFY(cnxn.contains(";features="));
+    QVERIFY(cnxn.contains(";features=shell_v2,"));
 
     // 3 MB of output: at version 1 every write waits for our OKAY, at version 2 the cloud
     // acknowledges them itself and we send none.

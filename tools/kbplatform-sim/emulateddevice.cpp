@@ -29,8 +29,10 @@ EmulatedDevice::EmulatedDevice(const DeviceProfile& profile, QObject* parent)
 
 EmulatedDevice::~EmulatedDevice()
 {
-    for (auto& [id, service] : m_services)
-        service->stop();
+    // Deleted rather than stopped: nothing of the device outlives it.
+    const auto services = std::exchange(m_services, {});
+    for (auto& [id, service] : services)
+        delete service;
 }
 
 void EmulatedDevice::write(const QByteArray& bytes)
@@ -159,8 +161,8 @@ void EmulatedDevice::handle(const AdbDeviceProtocol::Event& event)
         qWarning() << "device: dropping the connection:" << event.data;
         m_closed = true;
         // Reverse forwards live as long as the connection.
-    delete std::exchange(m_reverse, nullptr);
-    const auto services = std::exchange(m_services, {});
+        delete std::exchange(m_reverse, nullptr);
+        const auto services = std::exchange(m_services, {});
         for (auto& [id, service] : services) {
             service->stop();
             service->deleteLater();

@@ -8,6 +8,8 @@
 
 namespace {
 
+constexpr std::size_t MAX_LISTENERS = 128;
+
 // ADB's protocol strings: four hex digits of length, then the text.
 QByteArray protocolString(const QByteArray& text)
 {
@@ -90,6 +92,9 @@ QByteArray ReverseForwarder::forward(const QByteArray& spec)
         existing->second.local = local;
         return "OKAY";
     }
+    // Each listener holds a port of the simulator's host.
+    if (m_listeners.size() >= MAX_LISTENERS)
+        return failure("cannot bind listener: too many reverse forwards");
     auto* server = new QTcpServer(this);
     // The device's ports are the simulator host's loopback ports: nothing beyond it can reach them.
     if (!server->listen(QHostAddress::LocalHost, *port)) {

@@ -1,7 +1,9 @@
 #include "shellservice.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include <cerrno>
 #include <fcntl.h>
@@ -17,6 +19,7 @@ constexpr qint64 READ_CHUNK = 256 * 1024;
 // QProcess reads its pipe without limit; past this much unread output the command is stopped.
 constexpr qint64 MAX_UNREAD_OUTPUT = 4 * 1024 * 1024;
 constexpr qint64 MAX_UNWRITTEN_INPUT = 1024 * 1024;
+constexpr int INPUT_GRACE_MS = 5000;
 
 } // namespace
 
@@ -38,6 +41,8 @@ ShellService::ShellService(DeviceStreams* streams, quint32 localId, const Device
 
 ShellService::~ShellService()
 {
+    // Whatever still runs here is the device's teardown: no grace.
+    m_finished = true;
     stop();
 }
 
@@ -150,8 +155,7 @@ void ShellService::receive(const QByteArray& data)
         }
         if (m_input.hasFailed()) {
             qWarning() << "device: shell:" << m_input.errorString();
-            stop();
-            finish();
+            finish(); // the service is deleted, and its command with it
             return;
         }
     }
@@ -168,7 +172,8 @@ void ShellService::takeInput(const QByteArray& data)
     if (m_master >= 0) {
         m_masterPending.append(data);
         onPtyWritable();
-    } else if (m_process && m_process->state() == QProcess::Running) {
+    } else if (m_process && m_process->state() != QProcess::NotRunning) {
+        // A process still starting buffers what it is given: the host writes right after OPEN.
         m_process->write(data);
     }
 }
@@ -339,8 +344,10 @@ void ShellService::onErrorOccurred(QProcess::ProcessError error)
 
 void ShellService::stop()
 {
+    const bool wasRunning = !m_finished;
     m_finished = true;
     if (m_master >= 0) {
+        // Closing the terminal hangs its session up, as on a device; the kill below is sure.
         delete std::exchange(m_masterRead, nullptr);
         delete std::exchange(m_masterWrite, nullptr);
         ::close(std::exchange(m_master, -1));
@@ -348,14 +355,44 @@ void ShellService::stop()
     if (!m_process || m_process->state() == QProcess::NotRunning)
         return;
     m_process->disconnect(this);
-    signalGroup(SIGKILL);
-    m_process->kill();
-    m_process->waitForFinished(5000);
+    if (!wasRunning || m_launch.pty) {
+        signalGroup(SIGKILL);
+        m_process->kill();
+        m_process->waitForFinished(5000);
+        return;
+    }
+    // The host closed the stream right after its last write (`adb exec-in`, or a shell without
+    // the shell protocol): the command still gets all of that input and its end, and a moment
+    // to finish with it; its output goes nowhere. The application outlives this service.
+    QProcess* process = std::exchange(m_process, nullptr);
+    process->setParent(QCoreApplication::instance());
+    if (m_paused)
+        signalGroup(process, SIGCONT);
+    process->closeWriteChannel();
+    const auto discard = [process] {
+        process->readAllStandardOutput();
+        process->readAllStandardError();
+    };
+    connect(process, &QProcess::readyReadStandardOutput, process, discard);
+    connect(process, &QProcess::readyReadStandardError, process, discard);
+    connect(process, &QProcess::finished, process, &QObject::deleteLater);
+    const auto end = [process] {
+        signalGroup(process, SIGKILL);
+        process->kill();
+    };
+    QTimer::singleShot(INPUT_GRACE_MS, process, end);
+    connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, process, end);
 }
 
 void ShellService::signalGroup(int signal)
 {
-    const qint64 pid = m_process ? m_process->processId() : 0;
+    signalGroup(m_process, signal);
+}
+
+void ShellService::signalGroup(QProcess* process, int signal)
+{
+    // No pid yet while starting: kill(0) would hit the simulator's own group.
+    const qint64 pid = process ? process->processId() : 0;
     if (pid > 0)
         ::kill(-pid_t(pid), signal);
 }

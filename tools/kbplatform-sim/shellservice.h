@@ -61,6 +61,7 @@ private:
     void deliver(ShellProtocol::Id id, const QByteArray& data);
     void finishIfDone();
     void signalGroup(int signal);
+    static void signalGroup(QProcess* process, int signal);
 
     DeviceProfile m_profile;
     ShellLaunch m_launch;
