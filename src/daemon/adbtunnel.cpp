@@ -125,7 +125,8 @@ void AdbTunnel::onAuthenticationError(PlatformAuthenticator::Error authError, co
     QString reason
         = QStringLiteral("%1: %2").arg(PlatformAuthenticator::errorCodeToString(authError), message);
     // The platform only answers "unauthorized": say what is actually missing.
-    if (!m_credentialsProvider->hasApiToken() && !m_credentialsProvider->hasCredentials()) {
+    if (m_credentialsProvider && !m_credentialsProvider->hasApiToken()
+        && !m_credentialsProvider->hasCredentials()) {
         reason = QStringLiteral("No credentials: auth.json has neither \"api_token\" nor \"email\" and "
                                 "\"password\", and KESTRELBOX_API_TOKEN is not set (%1)")
                      .arg(reason);
