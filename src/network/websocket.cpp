@@ -300,8 +300,9 @@ bool WebSocket::deliverFrame(const WebSocketFrame& frame)
             m_closeReason = frame.closeReason();
             // rfc6455 5.5.1: echo the status code, then the TCP connection may go.
             const QByteArray reply = frame.payload.size() >= 2 ? frame.payload.left(2) : QByteArray();
-            m_socket->write(WebSocketFrame::encodeMasked(WebSocketFrame::Close, reply,
-                                                         QRandomGenerator::global()->generate()));
+            if (m_socket->state() == QAbstractSocket::ConnectedState)
+                m_socket->write(WebSocketFrame::encodeMasked(WebSocketFrame::Close, reply,
+                                                             QRandomGenerator::global()->generate()));
             m_closeSent = true;
             setState(QAbstractSocket::ClosingState);
             Q_EMIT aboutToClose();
@@ -361,9 +362,10 @@ void WebSocket::failConnection(QWebSocketProtocol::CloseCode code, const QString
     if (!m_socket)
         return;
     if (m_state == QAbstractSocket::ConnectedState && !m_closeSent) {
-        m_socket->write(WebSocketFrame::encodeMasked(WebSocketFrame::Close,
-                                                     WebSocketFrame::closePayload(code, reason),
-                                                     QRandomGenerator::global()->generate()));
+        if (m_socket->state() == QAbstractSocket::ConnectedState)
+            m_socket->write(WebSocketFrame::encodeMasked(WebSocketFrame::Close,
+                                                         WebSocketFrame::closePayload(code, reason),
+                                                         QRandomGenerator::global()->generate()));
         m_closeSent = true;
         setState(QAbstractSocket::ClosingState);
         Q_EMIT aboutToClose();
@@ -407,8 +409,12 @@ void WebSocket::onPongTimeout()
 
 void WebSocket::onSocketStateChanged(QAbstractSocket::SocketState socketState)
 {
-    if (socketState == QAbstractSocket::UnconnectedState)
-        finishDisconnect();
+    if (socketState != QAbstractSocket::UnconnectedState)
+        return;
+    // What the peer sent before closing is still in the socket's buffer: deliver it first.
+    if (!m_readingPaused)
+        processIncoming();
+    finishDisconnect();
 }
 
 void WebSocket::onSocketError(QAbstractSocket::SocketError socketError)
@@ -441,7 +447,8 @@ void WebSocket::setState(QAbstractSocket::SocketState state)
 
 qint64 WebSocket::sendFrame(WebSocketFrame::OpCode opCode, const QByteArray& payload)
 {
-    if (!m_socket || m_state != QAbstractSocket::ConnectedState)
+    if (!m_socket || m_state != QAbstractSocket::ConnectedState
+        || m_socket->state() != QAbstractSocket::ConnectedState)
         return 0;
     // rfc6455 5.3: a fresh, unpredictable key per frame.
     const quint32 key = m_maskGenerator ? const_cast<QMaskGenerator*>(m_maskGenerator)->nextMask()
