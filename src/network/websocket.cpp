@@ -529,7 +529,8 @@ bool WebSocket::isReadingPaused() const
 
 qint64 WebSocket::bytesToWrite() const
 {
-    return m_socket ? m_socket->bytesToWrite() : 0;
+    // Under TLS, bytes already encrypted wait in the socket below and are counted apart.
+    return m_socket ? m_socket->bytesToWrite() + m_socket->encryptedBytesToWrite() : 0;
 }
 
 QWebSocketProtocol::CloseCode WebSocket::closeCode() const
