@@ -62,6 +62,15 @@ WebSocket::~WebSocket()
     // The socket's own destructor aborts it; its signals must not reach a half-destroyed this.
     if (m_socket) {
         m_socket->disconnect(this);
+        // A peer told it is going away need not wait for a dead connection to time out.
+        if (m_state == QAbstractSocket::ConnectedState
+            && m_socket->state() == QAbstractSocket::ConnectedState) {
+            m_socket->write(WebSocketFrame::encodeMasked(
+                WebSocketFrame::Close,
+                WebSocketFrame::closePayload(QWebSocketProtocol::CloseCodeGoingAway, QString()),
+                QRandomGenerator::global()->generate()));
+            m_socket->flush();
+        }
         delete m_socket;
     }
 }

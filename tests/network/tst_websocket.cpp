@@ -218,6 +218,14 @@ private Q_SLOTS:
         QVERIFY(again.wait());
         QCOMPARE(int(m_client->closeCode()), 4001);
         QCOMPARE(m_client->closeReason(), QStringLiteral("instance stopped"));
+
+        // Destroyed while connected: the server hears that we went away.
+        connectClient();
+        QVERIFY(m_peer);
+        QSignalSpy gone(m_peer, &QWebSocket::disconnected);
+        m_client.reset();
+        QVERIFY(gone.wait());
+        QCOMPARE(m_peer->closeCode(), QWebSocketProtocol::CloseCodeGoingAway);
     }
 
     void pingPong()
