@@ -15,7 +15,7 @@
 class QMaskGenerator;
 
 // The WebSocket as the tunnel, the authenticator and the bridge see it, so that they can run
-// against a test double. WebSocket is the production implementation over QWebSocket.
+// against a test double. WebSocket is the production implementation, an RFC 6455 client of our own.
 class AbstractWebSocket : public QObject
 {
     Q_OBJECT
