@@ -2,6 +2,7 @@
 
 #include "adbprotocol/AdbPacket.h"
 #include "adbprotocol/AdbTunnelLogger.h"
+#include "adbprotocol/ConnectBanner.h"
 #include "adbtunnelversion.h"
 #include "network/abstractwebsocket.h"
 #include "tcp_socket.h"
@@ -17,6 +18,10 @@ namespace {
 const QString FROM_ADB_SERVER = QStringLiteral("ADB SERVER => TUNNEL SOFT");
 const QString TO_DEVICE = QStringLiteral("TUNNEL SOFT => TUNNEL CLOUD");
 const QString FROM_DEVICE = QStringLiteral("TUNNEL SOFT <= TUNNEL CLOUD");
+
+// With delayed_ack, OPEN and OKAY carry a receive window and one OKAY may cover several WRTEs;
+// the OKAY forged in retain mode has no window, so neither end may switch it on.
+const QByteArrayView DELAYED_ACK = "delayed_ack";
 
 // Keys are logged as "std::pair(5, 0)", lists as "QList(std::pair(5, 0), std::pair(12, 1))".
 QString keyText(const AdbSession::Key& key)
@@ -131,6 +136,7 @@ void WebSocketTcpBridge::onTcpClientGone()
 {
     // A partial message of the old connection must not prefix the next client's stream.
     m_tcpReader.clear();
+    m_delayedAckRemovedFrom = 0;
 }
 
 void WebSocketTcpBridge::onTcpDataReceived(const QByteArray& data)
@@ -229,6 +235,24 @@ void WebSocketTcpBridge::deleteSessionIfPossible(AdbSession* session)
     session->deleteLater();
 }
 
+QByteArray WebSocketTcpBridge::withoutDelayedAck(AdbPacket* connect, Sender sender)
+{
+    if (AdbTunnelVersion::isMegaFastEnabled() && ConnectBanner::removeFeature(connect, DELAYED_ACK))
+        m_delayedAckRemovedFrom |= sender;
+    // The device's CNXN ends the handshake: one line for both banners.
+    if (sender == FromDevice && m_delayedAckRemovedFrom) {
+        QStringList senders;
+        if (m_delayedAckRemovedFrom & FromServer)
+            senders.append(QStringLiteral("ADB server"));
+        if (m_delayedAckRemovedFrom & FromDevice)
+            senders.append(QStringLiteral("device"));
+        qDebug().noquote() << "Retain mode: removed feature" << DELAYED_ACK.toByteArray()
+                           << "from the CNXN of:" << senders.join(QLatin1String(", "));
+        m_delayedAckRemovedFrom = 0;
+    }
+    return connect->toByteArray();
+}
+
 void WebSocketTcpBridge::sendBackOkayToAdbServer(const AdbPacket& message)
 {
     // ADB protocol.txt: the receiver of WRTE answers OKAY(its local id, the sender's id).
@@ -246,7 +270,7 @@ void WebSocketTcpBridge::processTcpPacket(AdbPacket* packet)
 
     if (command == AdbPacket::CNXN) {
         qCDebug(tunnelCategory) << "ADB TUNNEL CNXN message -> forward to websocket";
-        sendMessageToDevice(bytes);
+        sendMessageToDevice(withoutDelayedAck(packet, FromServer));
         return;
     }
     if (command == AdbPacket::OPEN) {
@@ -305,6 +329,10 @@ void WebSocketTcpBridge::processWebSocketPacket(AdbPacket* packet)
         qCDebug(tunnelCategory) << "ADB TUNNEL OPEN message -> create session, daemonId" << arg0;
         createSession(arg0, AdbSession::Device);
         m_tcpServer.sendData(bytes);
+        return;
+    }
+    if (command == AdbPacket::CNXN) {
+        m_tcpServer.sendData(withoutDelayedAck(packet, FromDevice));
         return;
     }
     if (command != AdbPacket::WRTE && command != AdbPacket::CLSE) {

@@ -74,6 +74,9 @@ private:
     void processWebSocketPacket(AdbPacket* packet);
     AdbSession* retrieveSession(unsigned serverSideId, unsigned deviceSideId) const;
     void createSession(unsigned id, AdbSession::Origin origin);
+    enum Sender { FromServer = 1, FromDevice = 2 };
+    // The CNXN as it is to go on: at version 2 without delayed_ack in its features.
+    QByteArray withoutDelayedAck(AdbPacket* connect, Sender sender);
     void sendBackOkayToAdbServer(const AdbPacket& message);
     void sendMessageToDevice(const QByteArray& bytes);
     void waitForWebSocketDataToBeSent();
@@ -89,4 +92,5 @@ private:
     PacketReader m_tcpReader;
     PacketReader m_webSocketReader;
     QMap<AdbSession::Key, AdbSession*> m_sessions;
+    int m_delayedAckRemovedFrom = 0; // Senders, reported when the handshake ends
 };

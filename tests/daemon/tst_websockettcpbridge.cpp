@@ -23,6 +23,7 @@ QStringList g_warnings;
 QtMessageHandler g_previousHandler = nullptr;
 
 QStringList g_trace;
+QStringList g_debugs; // default category
 
 void captureWarnings(QtMsgType type, const QMessageLogContext& context, const QString& message)
 {
@@ -30,6 +31,8 @@ void captureWarnings(QtMsgType type, const QMessageLogContext& context, const QS
         g_warnings.append(message);
     if (qstrcmp(context.category, "tunnel") == 0)
         g_trace.append(message);
+    else if (type == QtDebugMsg)
+        g_debugs.append(message);
     g_previousHandler(type, context, message);
 }
 
@@ -136,7 +139,11 @@ private Q_SLOTS:
         m_v2 = AdbTunnelVersion::isMegaFastEnabled();
         qInfo() << "tunnel protocol version" << AdbTunnelVersion::getVersion();
     }
-    void init() { g_warnings.clear(); }
+    void init()
+    {
+        g_warnings.clear();
+        g_debugs.clear();
+    }
     void cleanup()
     {
         m_server.reset();
@@ -321,6 +328,53 @@ private Q_SLOTS:
         // None of the server's OKAYs went on to the device; only the sync markers did.
         for (qsizetype i = sentBefore; i < m_device->m_sent.size(); ++i)
             QCOMPARE(AdbPacket::headerWord(m_device->m_sent.at(i), 0), quint32(AdbPacket::CNXN));
+    }
+
+    // The forged OKAY has no receive window: at version 2 neither end may turn delayed_ack on.
+    void delayedAckRemovedFromBanners_data()
+    {
+        QTest::addColumn<QByteArray>("serverFeatures");
+        QTest::addColumn<QByteArray>("deviceFeatures");
+        QTest::addColumn<QString>("reported");
+        QTest::newRow("both") << QByteArray("shell_v2,delayed_ack,cmd") << QByteArray("delayed_ack,shell_v2")
+                              << QStringLiteral("ADB server, device");
+        QTest::newRow("device only") << QByteArray("shell_v2") << QByteArray("shell_v2,delayed_ack")
+                                     << QStringLiteral("device");
+        QTest::newRow("neither") << QByteArray("shell_v2") << QByteArray("cmd") << QString();
+    }
+    void delayedAckRemovedFromBanners()
+    {
+        QFETCH(QByteArray, serverFeatures);
+        QFETCH(QByteArray, deviceFeatures);
+        QFETCH(QString, reported);
+        QVERIFY(startRelay());
+        // Current peers leave data_check 0; so must the bridge.
+        auto banner = [](const QByteArray& features) {
+            AdbPacket packet(AdbPacket::CNXN, 0x01000001, 256 * 1024, "host::features=" + features);
+            packet.getMessage()->data_check = 0;
+            return packet.toByteArray();
+        };
+        auto expected = [this, banner](const QByteArray& features) {
+            QByteArrayList kept = features.split(',');
+            if (m_v2)
+                kept.removeAll("delayed_ack");
+            return banner(kept.join(','));
+        };
+        m_server->send(banner(serverFeatures));
+        QVERIFY(waitSent(2));
+        QCOMPARE(m_device->m_sent.last(), expected(serverFeatures));
+        m_device->deliver(banner(deviceFeatures));
+        QVERIFY(m_server->waitReceived(1));
+        QCOMPARE(m_server->m_received.last(), expected(deviceFeatures));
+
+        const QStringList lines = g_debugs.filter(QStringLiteral("delayed_ack"));
+        if (m_v2 && !reported.isEmpty())
+            QCOMPARE(
+                lines,
+                QStringList { QStringLiteral("Retain mode: removed feature delayed_ack from the CNXN of: ")
+                              + reported });
+        else
+            QCOMPARE(lines, QStringList());
     }
 
     void closeFromServerFirst()
