@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (clang, ASan + UBSan) and runs each for a while.
 #   fuzz/run.sh [seconds per target, default 600] [target...]
-# Targets: packetreader bridge localsocket jsonconfig versionnumber authreplies (default: all).
+# Targets: packetreader bridge localsocket jsonconfig versionnumber authreplies websocketframe (default: all).
 # KB_FUZZ_JOBS targets run at once (default 2). Each starts from the seeds in fuzz/corpus/<target>
 # and from what earlier runs found, kept in build-fuzz/corpus/<target>; crashing inputs land in
 # build-fuzz/findings/<target>/. Copy each into fuzz/regressions/<target>/ once it is fixed.
@@ -11,7 +11,7 @@ root=$PWD
 seconds=${1:-600}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(packetreader bridge localsocket jsonconfig versionnumber authreplies)
+[ ${#targets[@]} -gt 0 ] || targets=(packetreader bridge localsocket jsonconfig versionnumber authreplies websocketframe)
 build=${KB_FUZZ_BUILD_DIR:-build-fuzz}
 jobs=${KB_FUZZ_JOBS:-2}
 

@@ -1,0 +1,333 @@
+#include "network/websocket.h"
+
+#include <QCryptographicHash>
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+#include <QWebSocket>
+#include <QWebSocketServer>
+
+#include <memory>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+QByteArray pattern(qsizetype size, int seed)
+{
+    QByteArray data(size, Qt::Uninitialized);
+    for (qsizetype i = 0; i < size; ++i)
+        data[i] = char((i * 13 + seed) & 0xFF);
+    return data;
+}
+
+// Answers the opening handshake with whatever response it is given, then stays silent: a peer
+// that is connected and dead, or one that speaks the handshake wrongly.
+class RawServer : public QObject
+{
+public:
+    explicit RawServer(const QByteArray& statusAndHeaders)
+        : m_response(statusAndHeaders)
+    {
+        m_server.listen(QHostAddress::LocalHost);
+        connect(&m_server, &QTcpServer::newConnection, this, [this] {
+            QTcpSocket* socket = m_server.nextPendingConnection();
+            connect(socket, &QTcpSocket::readyRead, this, [this, socket] {
+                m_request += socket->readAll();
+                if (!m_request.contains("\r\n\r\n"))
+                    return;
+                const QByteArray key = m_request.mid(m_request.indexOf("Sec-WebSocket-Key: ") + 19, 24);
+                const QByteArray accept
+                    = QCryptographicHash::hash(key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11",
+                                               QCryptographicHash::Sha1)
+                          .toBase64();
+                QByteArray response = m_response;
+                socket->write(response.replace("$ACCEPT", accept) + "\r\n");
+                socket->disconnect(this);
+            });
+        });
+    }
+    QUrl url() const { return QUrl(QStringLiteral("ws://127.0.0.1:%1/adb?x=1").arg(m_server.serverPort())); }
+    QByteArray request() const { return m_request; }
+
+private:
+    QTcpServer m_server;
+    QByteArray m_response;
+    QByteArray m_request;
+};
+
+const QByteArray GOOD_RESPONSE
+    = "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+      "Sec-WebSocket-Accept: $ACCEPT\r\n";
+
+} // namespace
+
+class TestWebSocket : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init()
+    {
+        m_server
+            = std::make_unique<QWebSocketServer>(QStringLiteral("test"), QWebSocketServer::NonSecureMode);
+        QVERIFY(m_server->listen(QHostAddress::LocalHost));
+        m_peer = nullptr;
+        connect(m_server.get(), &QWebSocketServer::newConnection, this,
+                [this] { m_peer = m_server->nextPendingConnection(); });
+        m_client = std::make_unique<WebSocket>(QString(), QWebSocketProtocol::Version13, nullptr);
+    }
+
+    void cleanup()
+    {
+        m_client.reset();
+        m_server.reset();
+    }
+
+    void echo_data()
+    {
+        QTest::addColumn<qsizetype>("size");
+        QTest::newRow("empty") << qsizetype(0);
+        QTest::newRow("small") << qsizetype(5);
+        QTest::newRow("16-bit length") << qsizetype(300);
+        QTest::newRow("64-bit length") << qsizetype(70000);
+        // The server cuts messages into 512 KiB frames: reassembly of continuation frames.
+        QTest::newRow("fragmented by the server") << qsizetype(2 * 1024 * 1024 + 3);
+    }
+
+    void echo()
+    {
+        QFETCH(qsizetype, size);
+        connectClient();
+        QVERIFY(m_peer);
+        connect(m_peer, &QWebSocket::binaryMessageReceived, m_peer,
+                [this](const QByteArray& m) { m_peer->sendBinaryMessage(m); });
+        connect(m_peer, &QWebSocket::textMessageReceived, m_peer,
+                [this](const QString& m) { m_peer->sendTextMessage(m); });
+        QSignalSpy binary(m_client.get(), &AbstractWebSocket::binaryMessageReceived);
+        QSignalSpy text(m_client.get(), &AbstractWebSocket::textMessageReceived);
+        QSignalSpy written(m_client.get(), &AbstractWebSocket::bytesWritten);
+
+        const QByteArray payload = pattern(size, 1);
+        QCOMPARE(m_client->sendBinaryMessage(payload), size);
+        const QString words = QStringLiteral("{\"connection\": \"SUCCESS\", \"\u00e9\u20ac\": %1}").arg(size);
+        m_client->sendTextMessage(words);
+        QTRY_COMPARE_WITH_TIMEOUT(text.size(), 1, 10000);
+        QCOMPARE(binary.size(), 1);
+        QCOMPARE(binary.at(0).at(0).toByteArray(), payload);
+        QCOMPARE(text.at(0).at(0).toString(), words);
+
+        // Everything handed over reached the socket, frame overhead included.
+        qint64 total = 0;
+        for (const QList<QVariant>& args : written)
+            total += args.at(0).toLongLong();
+        const qint64 header = size < 126 ? 6 : size <= 0xFFFF ? 8 : 14;
+        QCOMPARE(total, size + header + 6 + words.toUtf8().size());
+        QCOMPARE(m_client->bytesToWrite(), 0);
+    }
+
+    void handshakeRequest()
+    {
+        RawServer server(GOOD_RESPONSE);
+        m_client = std::make_unique<WebSocket>(QStringLiteral("https://app.example"),
+                                               QWebSocketProtocol::Version13, nullptr);
+        QSignalSpy connected(m_client.get(), &AbstractWebSocket::connected);
+        m_client->open(server.url());
+        QVERIFY(connected.wait());
+        const QByteArray request = server.request();
+        QVERIFY2(request.startsWith("GET /adb?x=1 HTTP/1.1\r\n"), request.constData());
+        for (const QByteArray& line :
+             { QByteArray("\r\nHost: 127.0.0.1:") + QByteArray::number(server.url().port()) + "\r\n",
+               QByteArray("\r\nUpgrade: websocket\r\n"), QByteArray("\r\nSec-WebSocket-Version: 13\r\n"),
+               QByteArray("\r\nOrigin: https://app.example\r\n"),
+               QByteArray("\r\nUser-Agent: Tarnwright Kestrelbox ") })
+            QVERIFY2(request.contains(line), line.constData());
+        QCOMPARE(m_client->state(), QAbstractSocket::ConnectedState);
+    }
+
+    void handshakeFailure_data()
+    {
+        QTest::addColumn<QByteArray>("response");
+        QTest::addColumn<QString>("errorText");
+        QTest::newRow("refused upgrade")
+            << QByteArray("HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n") << "403 Forbidden";
+        QTest::newRow("wrong accept")
+            << QByteArray(GOOD_RESPONSE).replace("$ACCEPT", "c29tZXRoaW5nIGVsc2U=") << "Sec-WebSocket-Accept";
+        QTest::newRow("no upgrade") << QByteArray(
+            "HTTP/1.1 101 Switching Protocols\r\nSec-WebSocket-Accept: $ACCEPT\r\n")
+                                    << "did not upgrade";
+        QTest::newRow("unasked extension")
+            << GOOD_RESPONSE + "Sec-WebSocket-Extensions: permessage-deflate\r\n"
+            << "extension";
+        QTest::newRow("not HTTP") << QByteArray("SSH-2.0-OpenSSH_9.2\r\n") << "no HTTP status line";
+    }
+
+    void handshakeFailure()
+    {
+        QFETCH(QByteArray, response);
+        QFETCH(QString, errorText);
+        RawServer server(response);
+        QSignalSpy disconnected(m_client.get(), &AbstractWebSocket::disconnected);
+        QSignalSpy connected(m_client.get(), &AbstractWebSocket::connected);
+        QSignalSpy errors(m_client.get(), &AbstractWebSocket::errorOccured);
+        m_client->open(server.url());
+        QVERIFY(disconnected.wait());
+        QCOMPARE(connected.size(), 0);
+        QCOMPARE(errors.size(), 0);
+        QCOMPARE(m_client->state(), QAbstractSocket::UnconnectedState);
+        QCOMPARE(m_client->error(), QAbstractSocket::ConnectionRefusedError);
+        QVERIFY2(m_client->errorString().contains(errorText), qPrintable(m_client->errorString()));
+    }
+
+    void refusedConnection()
+    {
+        quint16 port = 0;
+        {
+            QTcpServer closed;
+            QVERIFY(closed.listen(QHostAddress::LocalHost));
+            port = closed.serverPort();
+        }
+        QSignalSpy states(m_client.get(), &AbstractWebSocket::stateChanged);
+        QSignalSpy disconnected(m_client.get(), &AbstractWebSocket::disconnected);
+        m_client->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/").arg(port)));
+        QVERIFY(disconnected.wait());
+        QCOMPARE(m_client->error(), QAbstractSocket::ConnectionRefusedError);
+        QCOMPARE(states.first().at(0).value<QAbstractSocket::SocketState>(),
+                 QAbstractSocket::ConnectingState);
+        QCOMPARE(states.last().at(0).value<QAbstractSocket::SocketState>(),
+                 QAbstractSocket::UnconnectedState);
+    }
+
+    void closeHandshake()
+    {
+        connectClient();
+        QVERIFY(m_peer);
+        QSignalSpy peerClosed(m_peer, &QWebSocket::disconnected);
+        QSignalSpy disconnected(m_client.get(), &AbstractWebSocket::disconnected);
+        QVERIFY(QMetaObject::invokeMethod(m_client.get(), "close"));
+        QVERIFY(disconnected.wait());
+        QTRY_COMPARE(peerClosed.size(), 1);
+        QCOMPARE(m_peer->closeCode(), QWebSocketProtocol::CloseCodeNormal);
+
+        // Closed by the server: its code and reason are ours to read.
+        connectClient();
+        QVERIFY(m_peer);
+        QSignalSpy again(m_client.get(), &AbstractWebSocket::disconnected);
+        m_peer->close(QWebSocketProtocol::CloseCode(4001), QStringLiteral("instance stopped"));
+        QVERIFY(again.wait());
+        QCOMPARE(int(m_client->closeCode()), 4001);
+        QCOMPARE(m_client->closeReason(), QStringLiteral("instance stopped"));
+    }
+
+    void pingPong()
+    {
+        connectClient();
+        QVERIFY(m_peer);
+        QSignalSpy pong(m_client.get(), &AbstractWebSocket::pong);
+        m_client->ping("abc");
+        QVERIFY(pong.wait());
+        QCOMPARE(pong.at(0).at(1).toByteArray(), QByteArray("abc"));
+        QSignalSpy peerPong(m_peer, &QWebSocket::pong);
+        m_peer->ping("xyz");
+        QVERIFY(peerPong.wait());
+        QCOMPARE(peerPong.at(0).at(1).toByteArray(), QByteArray("xyz"));
+    }
+
+    void pausedReadingHoldsBackThePeer()
+    {
+        connectClient();
+        QVERIFY(m_peer);
+        QSignalSpy received(m_client.get(), &AbstractWebSocket::binaryMessageReceived);
+        m_client->setReadingPaused(true);
+        QVERIFY(m_client->isReadingPaused());
+        constexpr int COUNT = 128;
+        constexpr qsizetype SIZE = 256 * 1024;
+        for (int i = 0; i < COUNT; ++i)
+            m_peer->sendBinaryMessage(pattern(SIZE, i));
+
+        // Nothing is delivered, and the client holds no more than its bounded read buffer and
+        // one frame: the rest stays in the kernel and in the server's own buffer.
+        QVERIFY(!received.wait(500));
+        QVERIFY(m_client->bufferedIncomingSize() > 0);
+        QVERIFY2(m_client->bufferedIncomingSize() <= WebSocket::READ_BUFFER_SIZE + SIZE + 64,
+                 QByteArray::number(m_client->bufferedIncomingSize()).constData());
+        QCOMPARE(m_client->state(), QAbstractSocket::ConnectedState);
+
+        m_client->setReadingPaused(false);
+        QTRY_COMPARE_WITH_TIMEOUT(received.size(), COUNT, 20000);
+        for (int i = 0; i < COUNT; ++i)
+            QVERIFY2(received.at(i).at(0).toByteArray() == pattern(SIZE, i),
+                     QByteArray::number(i).constData());
+    }
+
+    void oversizedMessageIsRefused_data()
+    {
+        QTest::addColumn<bool>("fragmented");
+        QTest::newRow("one frame") << false;
+        QTest::newRow("fragments") << true;
+    }
+
+    void oversizedMessageIsRefused()
+    {
+        QFETCH(bool, fragmented);
+        connectClient();
+        QVERIFY(m_peer);
+        m_peer->setOutgoingFrameSize(fragmented ? 1024 * 1024
+                                                : WebSocketFrameReader::DEFAULT_MAX_FRAME_SIZE + 2);
+        QSignalSpy received(m_client.get(), &AbstractWebSocket::binaryMessageReceived);
+        QSignalSpy disconnected(m_client.get(), &AbstractWebSocket::disconnected);
+        QSignalSpy peerClosed(m_peer, &QWebSocket::disconnected);
+        QTest::ignoreMessage(QtWarningMsg,
+                             QRegularExpression(QStringLiteral("exceeds the limit.*code 1009")));
+        m_peer->sendBinaryMessage(QByteArray(WebSocketFrameReader::DEFAULT_MAX_MESSAGE_SIZE + 1, 'x'));
+        QVERIFY(disconnected.wait(10000));
+        QCOMPARE(received.size(), 0);
+        QCOMPARE(m_client->closeCode(), QWebSocketProtocol::CloseCodeTooMuchData);
+        QTRY_COMPARE_WITH_TIMEOUT(peerClosed.size(), 1, 10000);
+        QCOMPARE(m_peer->closeCode(), QWebSocketProtocol::CloseCodeTooMuchData);
+    }
+
+    void livenessWatch()
+    {
+        // A live server answers the pings, so a quiet connection stays.
+        m_client->setLivenessTimes(100ms, 200ms);
+        connectClient();
+        QVERIFY(m_peer);
+        QSignalSpy pong(m_client.get(), &AbstractWebSocket::pong);
+        QSignalSpy disconnected(m_client.get(), &AbstractWebSocket::disconnected);
+        QTRY_VERIFY_WITH_TIMEOUT(pong.size() >= 3, 5000);
+        QCOMPARE(disconnected.size(), 0);
+
+        // A server that went silent with TCP open is noticed, but not while we are not reading.
+        RawServer dead(GOOD_RESPONSE);
+        QSignalSpy connected(m_client.get(), &AbstractWebSocket::connected);
+        m_client->open(dead.url());
+        QVERIFY(connected.wait());
+        disconnected.clear();
+        m_client->setReadingPaused(true);
+        QVERIFY(!disconnected.wait(800));
+        m_client->setReadingPaused(false);
+        QTest::ignoreMessage(QtWarningMsg,
+                             QRegularExpression(QStringLiteral("not even an answer to a ping")));
+        QVERIFY(disconnected.wait(5000));
+        QCOMPARE(m_client->state(), QAbstractSocket::UnconnectedState);
+    }
+
+private:
+    void connectClient()
+    {
+        m_peer = nullptr;
+        QSignalSpy connected(m_client.get(), &AbstractWebSocket::connected);
+        m_client->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/").arg(m_server->serverPort())));
+        QVERIFY(connected.wait());
+        QTRY_VERIFY(m_peer);
+    }
+
+    std::unique_ptr<QWebSocketServer> m_server;
+    std::unique_ptr<WebSocket> m_client;
+    QWebSocket* m_peer = nullptr;
+};
+
+QTEST_GUILESS_MAIN(TestWebSocket)
+#include "tst_websocket.moc"
