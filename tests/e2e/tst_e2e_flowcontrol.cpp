@@ -2,6 +2,8 @@
 // and streams the ADB server gives up on, or whole ADB servers that go, leave no memory behind.
 #include "e2efixture.h"
 
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QtTest>
 
 namespace {
@@ -182,6 +184,66 @@ private Q_SLOTS:
         QCOMPARE(E2eFixture::sha256(pulled), E2eFixture::sha256(hostPath(remote)));
         QCOMPARE(m_fixture.instance(m_uuid).value(QStringLiteral("state")).toString(),
                  QStringLiteral("CONNECTED"));
+    }
+
+    // At version 1 the device's CLSE comes last when the client closes first; those sessions
+    // must go too. Each connection: connect, 1 KiB echoed by a server the device reaches, close.
+    void shortForwardConnectionsAtVersion1()
+    {
+        const int connections = SANITIZED ? 500 : 5000;
+        E2eFixture fixture;
+        fixture.setEnv(QStringLiteral("KB_ADBTUNNEL_VERSION"), QStringLiteral("1"));
+        QVERIFY(fixture.startSimulator({ QStringLiteral("--device-profile"), QStringLiteral("modern") }));
+        fixture.useApiToken();
+        const QString serial = connectAndWait(fixture, fixture.instanceUuid());
+        QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
+        const qint64 pid = fixture.daemonPid();
+
+        QTcpServer echo;
+        QVERIFY(echo.listen(QHostAddress::LocalHost, 0));
+        connect(&echo, &QTcpServer::newConnection, &echo, [&echo] {
+            while (QTcpSocket* peer = echo.nextPendingConnection()) {
+                connect(peer, &QTcpSocket::readyRead, peer, [peer] { peer->write(peer->readAll()); });
+                connect(peer, &QTcpSocket::disconnected, peer, &QObject::deleteLater);
+            }
+        });
+        const quint16 local = E2eFixture::freePort();
+        QCOMPARE(
+            fixture
+                .adb({ QStringLiteral("-s"), serial, QStringLiteral("forward"),
+                       QStringLiteral("tcp:%1").arg(local), QStringLiteral("tcp:%1").arg(echo.serverPort()) })
+                .exitCode,
+            0);
+
+        const QByteArray payload(1024, 'e');
+        auto exchange = [&] {
+            QTcpSocket client;
+            client.connectToHost(QHostAddress::LocalHost, local);
+            if (!client.waitForConnected(10000))
+                return false;
+            client.write(payload);
+            QByteArray back;
+            if (!QTest::qWaitFor(
+                    [&] {
+                        back += client.readAll();
+                        return back.size() >= payload.size();
+                    },
+                    10000))
+                return false;
+            client.disconnectFromHost();
+            return back == payload;
+        };
+        // A first round settles what the first connections allocate for good.
+        for (int i = 0; i < 200; ++i)
+            QVERIFY2(exchange(), qPrintable(QString::number(i)));
+        const qint64 start = memoryOf(pid, "VmRSS");
+        for (int i = 0; i < connections; ++i)
+            QVERIFY2(exchange(), qPrintable(QString::number(i)));
+        const qint64 end = memoryOf(pid, "VmRSS");
+        qInfo("daemon RSS: %.1f MiB before %d short forward connections at version 1, %.1f MiB after",
+              double(start) / MiB, connections, double(end) / MiB);
+        if (!SANITIZED)
+            QVERIFY2(end - start <= 4 * MiB, qPrintable(QString::number(double(end - start) / MiB)));
     }
 };
 
