@@ -124,7 +124,8 @@ private Q_SLOTS:
         const QString apk = m_dir.path() + QStringLiteral("/com.example.demo.apk");
         QFile file(apk);
         QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray(4096, 'k'));
+        // A streamed install carries no file name: the simulator reads the package's from the APK.
+        file.write("package=com.example.demo\n" + QByteArray(4096, 'k'));
         file.close();
         QVERIFY(client.install(apk, true));
         QString packages;

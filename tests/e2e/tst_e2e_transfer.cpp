@@ -1,8 +1,12 @@
 // Files through the tunnel arrive byte for byte, at both tunnel protocol versions and over a
-// link with a round trip.
+// link with a round trip; what a current device offers besides files (shell protocol, forward
+// and reverse streams) works through both versions too.
 #include "e2efixture.h"
 
 #include <QDir>
+#include <QRandomGenerator>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QtTest>
 
 class TestE2eTransfer : public QObject
@@ -15,11 +19,16 @@ private Q_SLOTS:
         QTest::addColumn<int>("version");
         QTest::addColumn<int>("rttMs");
         QTest::addColumn<QList<qint64>>("sizes");
+        QTest::addColumn<QString>("profile");
         const QList<qint64> all { 0, 1024, 10 << 20, 100 << 20 };
-        QTest::newRow("v2, no delay") << 2 << 0 << all;
-        QTest::newRow("v1, no delay") << 1 << 0 << all;
-        QTest::newRow("v2, 50 ms") << 2 << 50 << all;
-        QTest::newRow("v1, 50 ms") << 1 << 50 << all;
+        const QString modern = QStringLiteral("modern");
+        QTest::newRow("v2, no delay") << 2 << 0 << all << modern;
+        QTest::newRow("v1, no delay") << 1 << 0 << all << modern;
+        QTest::newRow("v2, 50 ms") << 2 << 50 << all << modern;
+        QTest::newRow("v1, 50 ms") << 1 << 50 << all << modern;
+        // An old device: sync v1 and one WRTE at a time on its side too.
+        QTest::newRow("v2, legacy device")
+            << 2 << 0 << QList<qint64> { 1024, 10 << 20 } << QStringLiteral("legacy");
     }
 
     void pushAndPull()
@@ -27,10 +36,12 @@ private Q_SLOTS:
         QFETCH(int, version);
         QFETCH(int, rttMs);
         QFETCH(QList<qint64>, sizes);
+        QFETCH(QString, profile);
 
         E2eFixture fixture;
         fixture.setEnv(QStringLiteral("KB_ADBTUNNEL_VERSION"), QString::number(version));
-        QVERIFY(fixture.startSimulator({ QStringLiteral("--rtt-ms"), QString::number(rttMs) }));
+        QVERIFY(fixture.startSimulator({ QStringLiteral("--rtt-ms"), QString::number(rttMs),
+                                         QStringLiteral("--device-profile"), profile }));
         fixture.useApiToken();
         const QString uuid = fixture.instanceUuid();
         QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
@@ -60,6 +71,71 @@ private Q_SLOTS:
             { QStringLiteral("-s"), serial, QStringLiteral("ls"), QStringLiteral("/data/local/tmp") });
         QCOMPARE(listing.exitCode, 0);
         QVERIFY2(listing.out.count("file-") == sizes.size(), (listing.out + listing.err).constData());
+    }
+
+    void modernDevice_data()
+    {
+        QTest::addColumn<int>("version");
+        QTest::newRow("v1") << 1;
+        QTest::newRow("v2") << 2;
+    }
+
+    void modernDevice()
+    {
+        QFETCH(int, version);
+        E2eFixture fixture;
+        fixture.setEnv(QStringLiteral("KB_ADBTUNNEL_VERSION"), QString::number(version));
+        QVERIFY(fixture.startSimulator());
+        fixture.useApiToken();
+        const QString uuid = fixture.instanceUuid();
+        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
+        const QString serial = fixture.waitForState(uuid, QStringLiteral("CONNECTED"))
+                                   .value(QStringLiteral("adb_serial"))
+                                   .toString();
+        QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
+        const auto adb = [&](const QStringList& arguments) {
+            return fixture.adb(QStringList { QStringLiteral("-s"), serial } + arguments);
+        };
+
+        const QByteArray features = adb({ QStringLiteral("features") }).out;
+        for (const char* feature : { "shell_v2", "cmd", "stat_v2", "ls_v2", "abb_exec" })
+            QVERIFY2(features.contains(feature), features.constData());
+        const E2eFixture::Result shell
+            = adb({ QStringLiteral("shell"), QStringLiteral("echo out; echo err >&2; exit 3") });
+        QCOMPARE(shell.out, QByteArray("out\n"));
+        QCOMPARE(shell.err, QByteArray("err\n"));
+        QCOMPARE(shell.exitCode, 3);
+
+        // Both stream directions: the host opens for `adb forward`, the device for `adb reverse`.
+        QTcpServer echo;
+        QVERIFY(echo.listen(QHostAddress::LocalHost, 0));
+        connect(&echo, &QTcpServer::newConnection, this, [&echo] {
+            QTcpSocket* socket = echo.nextPendingConnection();
+            connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->write(socket->readAll()); });
+        });
+        const QString target = QStringLiteral("tcp:%1").arg(echo.serverPort());
+        const quint16 forwarded = E2eFixture::freePort();
+        QCOMPARE(adb({ QStringLiteral("forward"), QStringLiteral("tcp:%1").arg(forwarded), target }).exitCode,
+                 0);
+        echoThrough(forwarded);
+        const E2eFixture::Result reverse
+            = adb({ QStringLiteral("reverse"), QStringLiteral("tcp:0"), target });
+        QVERIFY2(reverse.exitCode == 0, (reverse.out + reverse.err).constData());
+        echoThrough(quint16(reverse.out.trimmed().toUInt()));
+    }
+
+private:
+    static void echoThrough(quint16 port)
+    {
+        QByteArray data(2 * 1024 * 1024, Qt::Uninitialized);
+        QRandomGenerator(port).fillRange(reinterpret_cast<quint32*>(data.data()), data.size() / 4);
+        QTcpSocket client;
+        client.connectToHost(QHostAddress::LocalHost, port);
+        QVERIFY(client.waitForConnected(10000));
+        client.write(data);
+        QByteArray back;
+        QTRY_COMPARE_WITH_TIMEOUT((back += client.readAll()).size(), data.size(), 60000);
+        QVERIFY(back == data);
     }
 };
 

@@ -85,16 +85,21 @@ public:
     { }
     ~AdbServer() { stop(); }
 
-    AdbResult run(const QStringList& arguments, int timeoutMs = 120000) const
+    QProcessEnvironment environment() const
     {
-        QProcess process;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.remove(QStringLiteral("ANDROID_SERIAL"));
         // adb does not start a server for an explicit ADB_SERVER_SOCKET.
         env.remove(QStringLiteral("ADB_SERVER_SOCKET"));
         env.insert(QStringLiteral("ANDROID_ADB_SERVER_PORT"), QString::number(m_port));
         env.insert(QStringLiteral("HOME"), m_home.path());
-        process.setProcessEnvironment(env);
+        return env;
+    }
+
+    AdbResult run(const QStringList& arguments, int timeoutMs = 120000) const
+    {
+        QProcess process;
+        process.setProcessEnvironment(environment());
         process.start(QStringLiteral(KB_ADB_PATH), arguments);
         AdbResult result;
         if (!process.waitForFinished(timeoutMs)) {

@@ -2,6 +2,8 @@
 
 #include "adbprotocol/AdbPacket.h"
 
+#include <QtEndian>
+
 #include <algorithm>
 
 namespace {
@@ -17,6 +19,17 @@ QByteArray commandName(quint32 command)
             c = '?';
     }
     return name;
+}
+
+bool advertisesDelayedAck(const QByteArray& banner)
+{
+    // "<kind>:<serial>:<prop>=<value>;...;features=a,b,c"
+    const qsizetype start = banner.indexOf("features=");
+    if (start < 0)
+        return false;
+    QByteArray value = banner.mid(start + 9);
+    value.truncate(value.indexOf(';') < 0 ? value.size() : value.indexOf(';'));
+    return value.split(',').contains("delayed_ack");
 }
 
 } // namespace
@@ -63,6 +76,7 @@ void AdbDeviceProtocol::handle(const AdbPacket& packet)
         // ADB protocol.txt: both sides use the smaller of the two maxdata values.
         m_maxPayload = std::clamp(packet.arg1(), quint32(256), MAX_PAYLOAD);
         m_online = true;
+        m_delayedAck = advertisesDelayedAck(m_banner) && advertisesDelayedAck(payload);
         send(AdbPacket::CNXN, VERSION, m_maxPayload, m_banner);
         return;
     }
@@ -77,15 +91,15 @@ void AdbDeviceProtocol::handle(const AdbPacket& packet)
             fail("OPEN with local id 0");
             return;
         }
-        if (m_streams.size() >= MAX_STREAMS) {
+        // AOSP adb.cpp: an OPEN whose window disagrees with the negotiated delayed_ack is refused.
+        if (m_streams.size() >= MAX_STREAMS || m_delayedAck != (packet.arg1() != 0)) {
             send(AdbPacket::CLSE, 0, packet.arg0());
             return;
         }
-        const quint32 localId = m_nextLocalId++;
-        if (m_nextLocalId == 0)
-            m_nextLocalId = 1;
+        const quint32 localId = allocateId();
         Stream stream;
         stream.remoteId = packet.arg0();
+        stream.sendWindow = packet.arg1();
         m_streams.emplace(localId, std::move(stream));
         QByteArray service = payload;
         while (service.endsWith('\0'))
@@ -104,15 +118,37 @@ void AdbDeviceProtocol::handle(const AdbPacket& packet)
             fail("WRTE of " + QByteArray::number(packet.dataLength()) + " bytes exceeds maxdata");
             return;
         }
-        ++it->second.unacknowledged;
+        it->second.unacknowledged.push_back(packet.dataLength());
         m_events.append({ Event::Data, it->first, payload });
         return;
     }
     case AdbPacket::OKAY: {
         const auto it = m_streams.find(packet.arg1());
-        if (it == m_streams.end() || it->second.remoteId != packet.arg0())
+        if (it == m_streams.end())
             return;
-        it->second.writeOutstanding = false;
+        Stream& stream = it->second;
+        // With delayed_ack an OKAY's payload is a signed 32-bit count: the window the host
+        // grants when it accepts our OPEN, the bytes it has taken afterwards.
+        qint32 bytes = 0;
+        if (m_delayedAck) {
+            if (payload.size() != 4) {
+                fail("OKAY without its byte count");
+                return;
+            }
+            bytes = qFromLittleEndian<qint32>(payload.constData());
+        }
+        if (stream.opening) {
+            stream.opening = false;
+            stream.accepted = true;
+            stream.remoteId = packet.arg0();
+            stream.sendWindow = bytes;
+            m_events.append({ Event::Accepted, it->first, QByteArray() });
+        } else {
+            if (stream.remoteId != packet.arg0())
+                return;
+            stream.writeOutstanding = false;
+            stream.sendWindow += bytes;
+        }
         pump(it->first);
         if (m_streams.count(packet.arg1()))
             m_events.append({ Event::Writable, packet.arg1(), QByteArray() });
@@ -122,8 +158,10 @@ void AdbDeviceProtocol::handle(const AdbPacket& packet)
         const auto it = m_streams.find(packet.arg1());
         if (it == m_streams.end() || it->second.remoteId != packet.arg0())
             return;
-        // Close from our side too, so that both ends have seen a CLSE for the stream.
-        send(AdbPacket::CLSE, it->first, it->second.remoteId);
+        // Close from our side too, so that both ends have seen a CLSE for the stream; a refused
+        // OPEN of ours has nothing to close.
+        if (!it->second.opening)
+            send(AdbPacket::CLSE, it->first, it->second.remoteId);
         const quint32 localId = it->first;
         m_streams.erase(it);
         m_events.append({ Event::Closed, localId, QByteArray() });
@@ -139,14 +177,44 @@ void AdbDeviceProtocol::handle(const AdbPacket& packet)
     }
 }
 
+quint32 AdbDeviceProtocol::allocateId()
+{
+    while (m_nextLocalId == 0 || m_streams.count(m_nextLocalId))
+        ++m_nextLocalId;
+    return m_nextLocalId++;
+}
+
+quint32 AdbDeviceProtocol::open(const QByteArray& destination)
+{
+    if (!m_online || m_failed || m_streams.size() >= MAX_STREAMS)
+        return 0;
+    const quint32 localId = allocateId();
+    Stream stream;
+    stream.opening = true;
+    m_streams.emplace(localId, std::move(stream));
+    // AOSP sockets.cpp: a delayed_ack OPEN carries the window granted to the other side.
+    send(AdbPacket::OPEN, localId, m_delayedAck ? quint32(INITIAL_DELAYED_ACK_BYTES) : 0, destination + '\0');
+    return localId;
+}
+
 void AdbDeviceProtocol::accept(quint32 localId)
 {
     const auto it = m_streams.find(localId);
     if (it == m_streams.end() || it->second.accepted)
         return;
     it->second.accepted = true;
-    send(AdbPacket::OKAY, localId, it->second.remoteId);
+    sendOkay(localId, it->second.remoteId, INITIAL_DELAYED_ACK_BYTES);
     pump(localId);
+}
+
+void AdbDeviceProtocol::sendOkay(quint32 localId, quint32 remoteId, qint32 ackedBytes)
+{
+    QByteArray payload;
+    if (m_delayedAck) {
+        payload.resize(4);
+        qToLittleEndian(ackedBytes, payload.data());
+    }
+    send(AdbPacket::OKAY, localId, remoteId, payload);
 }
 
 void AdbDeviceProtocol::refuse(quint32 localId)
@@ -180,10 +248,11 @@ void AdbDeviceProtocol::close(quint32 localId)
 void AdbDeviceProtocol::acknowledge(quint32 localId)
 {
     const auto it = m_streams.find(localId);
-    if (it == m_streams.end() || it->second.unacknowledged == 0)
+    if (it == m_streams.end() || it->second.unacknowledged.empty())
         return;
-    --it->second.unacknowledged;
-    send(AdbPacket::OKAY, localId, it->second.remoteId);
+    const quint32 size = it->second.unacknowledged.front();
+    it->second.unacknowledged.pop_front();
+    sendOkay(localId, it->second.remoteId, qint32(size));
 }
 
 qsizetype AdbDeviceProtocol::pendingBytes(quint32 localId) const
@@ -198,17 +267,20 @@ void AdbDeviceProtocol::pump(quint32 localId)
     if (it == m_streams.end())
         return;
     Stream& stream = it->second;
-    if (!stream.accepted || stream.writeOutstanding)
+    if (!stream.accepted)
         return;
-    if (!stream.pending.isEmpty()) {
-        // ADB protocol.txt: one WRTE in flight per stream until the receiver's OKAY.
+    // ADB protocol.txt: one WRTE in flight per stream until the receiver's OKAY; with delayed_ack,
+    // as many as the host's window holds.
+    while (!stream.pending.isEmpty()) {
+        if (m_delayedAck ? stream.sendWindow <= 0 : stream.writeOutstanding)
+            return;
         const qsizetype size = std::min<qsizetype>(stream.pending.size(), m_maxPayload);
         send(AdbPacket::WRTE, localId, stream.remoteId, stream.pending.left(size));
         stream.pending.remove(0, size);
         stream.writeOutstanding = true;
-        return;
+        stream.sendWindow -= size;
     }
-    if (stream.closing) {
+    if (stream.closing && (m_delayedAck || !stream.writeOutstanding)) {
         send(AdbPacket::CLSE, localId, stream.remoteId);
         m_streams.erase(it);
     }

@@ -6,6 +6,7 @@
 #include <QList>
 #include <QString>
 
+#include <deque>
 #include <map>
 
 // The device side of the ADB transport protocol (ADB protocol.txt), without any I/O: fed the
@@ -16,13 +17,16 @@ class AdbDeviceProtocol
 public:
     static constexpr quint32 VERSION = 0x01000001;
     static constexpr quint32 MAX_PAYLOAD = PacketReader::MAX_PAYLOAD;
+    // AOSP adb.h: the receive window each side grants per stream when both advertise delayed_ack.
+    static constexpr qint32 INITIAL_DELAYED_ACK_BYTES = 32 * 1024 * 1024;
 
     struct Event
     {
         enum Type {
             Opened, // the host opened a stream: data is the service name; accept() or refuse() it
+            Accepted, // the host accepted a stream that open() asked for
             Data, // the host wrote: data is the payload; acknowledge() it once consumed
-            Closed, // the host closed the stream; it is gone
+            Closed, // the host closed the stream (or refused one that open() asked for); it is gone
             Writable, // the host acknowledged our last write
             Failed, // protocol violation: data is the reason; the connection must be dropped
         };
@@ -41,7 +45,13 @@ public:
     bool isOnline() const { return m_online; }
     bool hasFailed() const { return m_failed; }
     quint32 maxPayload() const { return m_maxPayload; }
+    // Both CNXNs advertised delayed_ack: OPEN and OKAY carry windows, and writes go out up to the
+    // peer's window instead of one at a time.
+    bool delayedAck() const { return m_delayedAck; }
 
+    // Opens a stream to the host for destination (a device-opened stream, as for reverse
+    // forwards); 0 when offline. Accepted or Closed follows.
+    quint32 open(const QByteArray& destination);
     void accept(quint32 localId);
     void refuse(quint32 localId);
     // Queues data for the host; sent in WRTEs of at most maxPayload(), one unacknowledged at a time.
@@ -58,14 +68,18 @@ private:
     {
         quint32 remoteId = 0;
         QByteArray pending;
-        int unacknowledged = 0; // host writes not yet answered
-        bool writeOutstanding = false;
+        std::deque<quint32> unacknowledged; // sizes of the host writes not yet answered
+        bool writeOutstanding = false; // without delayed_ack
+        qint64 sendWindow = 0; // with delayed_ack: what the host still takes unacknowledged
         bool accepted = false;
+        bool opening = false; // opened by us, the host has not answered yet
         bool closing = false;
     };
 
     void handle(const AdbPacket& packet);
     void send(quint32 command, quint32 arg0, quint32 arg1, const QByteArray& payload = QByteArray());
+    void sendOkay(quint32 localId, quint32 remoteId, qint32 ackedBytes);
+    quint32 allocateId();
     void pump(quint32 localId);
     void fail(const QByteArray& reason);
 
@@ -77,5 +91,6 @@ private:
     quint32 m_nextLocalId = 1;
     quint32 m_maxPayload = 4096;
     bool m_online = false;
+    bool m_delayedAck = false;
     bool m_failed = false;
 };

@@ -33,6 +33,9 @@ void DevicePortServer::onNewConnection()
     while (QTcpSocket* socket = m_server->nextPendingConnection()) {
         // Unread host bytes stay in the kernel (TCP pushes back) while the device is behind.
         socket->setReadBufferSize(DeviceConnection::HIGH_WATER);
+        // ADB messages are small and answer one another (OKAY for WRTE): Nagle would hold each
+        // one back for the peer's delayed TCP acknowledgement.
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         DeviceConnection* device = m_factory(socket);
         const auto feed = [socket, device] {
             if (device->backlog() < DeviceConnection::HIGH_WATER && socket->bytesAvailable() > 0)

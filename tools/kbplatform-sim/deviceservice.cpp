@@ -1,10 +1,10 @@
 #include "deviceservice.h"
 
-#include "emulateddevice.h"
+#include "devicestreams.h"
 
-DeviceService::DeviceService(EmulatedDevice* device, quint32 localId)
-    : QObject(device)
-    , m_device(device)
+DeviceService::DeviceService(DeviceStreams* streams, quint32 localId, QObject* parent)
+    : QObject(parent)
+    , m_streams(streams)
     , m_localId(localId)
 { }
 
@@ -13,17 +13,17 @@ DeviceService::~DeviceService() = default;
 void DeviceService::send(const QByteArray& data)
 {
     if (!m_finished)
-        m_device->streamSend(m_localId, data);
+        m_streams->streamSend(m_localId, data);
 }
 
 bool DeviceService::congested() const
 {
-    return m_device->streamCongested(m_localId);
+    return m_streams->streamCongested(m_localId);
 }
 
 void DeviceService::acknowledge()
 {
-    m_device->streamAcknowledge(m_localId);
+    m_streams->streamAcknowledge(m_localId);
 }
 
 void DeviceService::finish()
@@ -31,5 +31,5 @@ void DeviceService::finish()
     if (m_finished)
         return;
     m_finished = true;
-    m_device->streamFinish(m_localId);
+    m_streams->streamFinish(m_localId);
 }

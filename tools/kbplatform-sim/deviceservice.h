@@ -3,16 +3,16 @@
 #include <QByteArray>
 #include <QObject>
 
-class EmulatedDevice;
+class DeviceStreams;
 
 // One service behind an ADB stream of the emulated device ("shell:", "exec:", "sync:").
-// It talks to the host only through its device, which owns it.
+// It talks to the host only through its stream; whoever created it owns it.
 class DeviceService : public QObject
 {
     Q_OBJECT
 
 public:
-    DeviceService(EmulatedDevice* device, quint32 localId);
+    DeviceService(DeviceStreams* streams, quint32 localId, QObject* parent);
     ~DeviceService() override;
 
     virtual void start() = 0;
@@ -30,7 +30,7 @@ protected:
     // Closes the stream after what was sent; the device deletes the service later.
     void finish();
 
-    EmulatedDevice* m_device;
+    DeviceStreams* m_streams;
     const quint32 m_localId;
     bool m_finished = false;
 };

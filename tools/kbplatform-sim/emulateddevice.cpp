@@ -1,7 +1,13 @@
 #include "emulateddevice.h"
 
+#include "replyservice.h"
+#include "reverseforwarder.h"
+#include "shellprotocol.h"
 #include "shellservice.h"
+#include "socketrelayservice.h"
 #include "syncservice.h"
+
+#include <QTcpSocket>
 
 #include <QLoggingCategory>
 
@@ -18,13 +24,15 @@ qsizetype congestionLimit(quint32 maxPayload)
 EmulatedDevice::EmulatedDevice(const DeviceProfile& profile, QObject* parent)
     : DeviceConnection(parent)
     , m_profile(profile)
-    , m_protocol(profile.banner)
+    , m_protocol(profile.cnxnBanner())
 { }
 
 EmulatedDevice::~EmulatedDevice()
 {
-    for (auto& [id, service] : m_services)
-        service->stop();
+    // Deleted rather than stopped: nothing of the device outlives it.
+    const auto services = std::exchange(m_services, {});
+    for (auto& [id, service] : services)
+        delete service;
 }
 
 void EmulatedDevice::write(const QByteArray& bytes)
@@ -40,6 +48,8 @@ void EmulatedDevice::close()
     if (m_closed)
         return;
     m_closed = true;
+    // Reverse forwards live as long as the connection.
+    delete std::exchange(m_reverse, nullptr);
     const auto services = std::exchange(m_services, {});
     for (auto& [id, service] : services) {
         service->stop();
@@ -70,6 +80,19 @@ void EmulatedDevice::streamFinish(quint32 localId)
     m_protocol.close(localId);
     dropService(localId, false);
     pump();
+}
+
+quint32 EmulatedDevice::streamOpen(const QByteArray& destination,
+                                   const std::function<DeviceService*(quint32 localId)>& create)
+{
+    if (m_closed)
+        return 0;
+    const quint32 localId = m_protocol.open(destination);
+    if (localId == 0)
+        return 0;
+    m_services.emplace(localId, create(localId));
+    pump();
+    return localId;
 }
 
 void EmulatedDevice::pump()
@@ -109,6 +132,12 @@ void EmulatedDevice::handle(const AdbDeviceProtocol::Event& event)
         service->start();
         return;
     }
+    case AdbDeviceProtocol::Event::Accepted: {
+        const auto it = m_services.find(event.localId);
+        if (it != m_services.end())
+            it->second->start();
+        return;
+    }
     case AdbDeviceProtocol::Event::Data: {
         const auto it = m_services.find(event.localId);
         if (it == m_services.end()) {
@@ -131,6 +160,8 @@ void EmulatedDevice::handle(const AdbDeviceProtocol::Event& event)
     case AdbDeviceProtocol::Event::Failed: {
         qWarning() << "device: dropping the connection:" << event.data;
         m_closed = true;
+        // Reverse forwards live as long as the connection.
+        delete std::exchange(m_reverse, nullptr);
         const auto services = std::exchange(m_services, {});
         for (auto& [id, service] : services) {
             service->stop();
@@ -144,18 +175,63 @@ void EmulatedDevice::handle(const AdbDeviceProtocol::Event& event)
 
 DeviceService* EmulatedDevice::createService(const QByteArray& name, quint32 localId)
 {
-    if (name.startsWith("shell:") || name.startsWith("shell,")) {
-        // Options after "shell," select the v2 protocol, which this device does not advertise;
-        // a host that asks anyway gets the plain stream.
+    if (name == "sync:")
+        return new SyncService(this, localId, m_profile.sandboxDir, m_profile.isModern(), this);
+    if (name.startsWith("exec:"))
+        return new ShellService(this, localId, m_profile, ShellLaunch::shell(QString::fromUtf8(name.mid(5))),
+                                this);
+    if (!m_profile.isModern()) {
+        if (!name.startsWith("shell:") && !name.startsWith("shell,"))
+            return nullptr;
+        // An old device knows no shell arguments: whatever the host asks, a plain stream.
         const qsizetype colon = name.indexOf(':');
         if (colon < 0)
             return nullptr;
-        return new ShellService(this, localId, QString::fromUtf8(name.mid(colon + 1)));
+        return new ShellService(this, localId, m_profile,
+                                ShellLaunch::shell(QString::fromUtf8(name.mid(colon + 1))), this);
     }
-    if (name.startsWith("exec:"))
-        return new ShellService(this, localId, QString::fromUtf8(name.mid(5)));
-    if (name == "sync:")
-        return new SyncService(this, localId, m_profile.sandboxDir);
+    if (const auto request = ShellRequest::parse(name)) {
+        ShellLaunch launch = ShellLaunch::shell(request->command);
+        launch.shellProtocol = request->shellProtocol;
+        launch.pty = request->pty;
+        launch.term = request->term;
+        return new ShellService(this, localId, m_profile, launch, this);
+    }
+    if (name.startsWith("tcp:")) {
+        // "tcp:PORT" or "tcp:HOST:PORT"; the device's network is the simulator host's loopback.
+        const QList<QByteArray> parts = name.mid(4).split(':');
+        const QByteArray host = parts.size() == 2 ? parts.at(0) : QByteArray("localhost");
+        bool ok = false;
+        const uint port = parts.constLast().toUInt(&ok, 10);
+        if (parts.size() > 2 || !ok || port == 0 || port > 65535
+            || (host != "localhost" && host != "127.0.0.1"))
+            return nullptr;
+        auto* socket = new QTcpSocket;
+        socket->connectToHost(QHostAddress::LocalHost, quint16(port));
+        // As adbd does, the OPEN is answered only once the connection is made or has failed;
+        // on loopback that takes no time.
+        if (!socket->waitForConnected(5000)) {
+            delete socket;
+            return nullptr;
+        }
+        return new SocketRelayService(this, localId, socket, this);
+    }
+    if (name.startsWith("reverse:")) {
+        if (!m_reverse)
+            m_reverse = new ReverseForwarder(this, this);
+        return new ReplyService(this, localId, m_reverse->handle(name.mid(8)), this);
+    }
+    // "abb:" and "abb_exec:" (services.txt) run a binder service's command, its arguments
+    // separated by NULs; "cmd" plays the binder services here.
+    const bool abbExec = name.startsWith("abb_exec:");
+    if (abbExec || name.startsWith("abb:")) {
+        ShellLaunch launch;
+        launch.program = m_profile.binDir + QStringLiteral("/cmd");
+        for (const QByteArray& argument : name.mid(name.indexOf(':') + 1).split('\0'))
+            launch.arguments << QString::fromUtf8(argument);
+        launch.shellProtocol = !abbExec;
+        return new ShellService(this, localId, m_profile, launch, this);
+    }
     return nullptr;
 }
 

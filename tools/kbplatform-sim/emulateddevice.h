@@ -2,23 +2,16 @@
 
 #include "adbdeviceprotocol.h"
 #include "deviceconnection.h"
-
-#include <QProcessEnvironment>
+#include "deviceprofile.h"
+#include "devicestreams.h"
 
 #include <map>
 
 class DeviceService;
+class ReverseForwarder;
 
-// What makes one emulated device: its files, its shell environment and its CNXN banner.
-struct DeviceProfile
-{
-    QString sandboxDir; // the device's "/"
-    QString binDir; // prepended to PATH in shells (holds getprop)
-    QByteArray banner;
-};
-
-// The device side of one ADB connection: "shell:", "exec:" and "sync:" on the sandbox.
-class EmulatedDevice : public DeviceConnection
+// The device side of one ADB connection: its services on the sandbox, and its reverse forwards.
+class EmulatedDevice : public DeviceConnection, private DeviceStreams
 {
     Q_OBJECT
 
@@ -31,13 +24,14 @@ public:
 
     const DeviceProfile& profile() const { return m_profile; }
 
-    // Called by the services of this device.
-    void streamSend(quint32 localId, const QByteArray& data);
-    bool streamCongested(quint32 localId) const;
-    void streamAcknowledge(quint32 localId);
-    void streamFinish(quint32 localId);
-
 private:
+    void streamSend(quint32 localId, const QByteArray& data) override;
+    bool streamCongested(quint32 localId) const override;
+    void streamAcknowledge(quint32 localId) override;
+    void streamFinish(quint32 localId) override;
+    quint32 streamOpen(const QByteArray& destination,
+                       const std::function<DeviceService*(quint32 localId)>& create) override;
+
     void pump();
     void handle(const AdbDeviceProtocol::Event& event);
     DeviceService* createService(const QByteArray& name, quint32 localId);
@@ -46,6 +40,7 @@ private:
     DeviceProfile m_profile;
     AdbDeviceProtocol m_protocol;
     std::map<quint32, DeviceService*> m_services;
+    ReverseForwarder* m_reverse = nullptr;
     bool m_pumping = false;
     bool m_closed = false;
 };

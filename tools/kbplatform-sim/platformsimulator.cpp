@@ -40,6 +40,7 @@ PlatformSimulator::PlatformSimulator(const SimConfig& config, QObject* parent)
     , m_log(new RequestLog(this))
     , m_server(new PlatformHttpServer(this))
 {
+    DeviceProfile::defaultDialect = m_config.deviceDialect;
     if (m_config.apiToken.isEmpty())
         m_config.apiToken = QStringLiteral("kbsim-api-") + randomSecret();
     if (m_config.password.isEmpty())
@@ -123,7 +124,8 @@ bool PlatformSimulator::start(QString* error)
         settings.bandwidthKbps = m_config.bandwidthKbps;
         auto* instance = new SimInstance(settings, m_faults, m_log, this);
         m_instances.append(instance);
-        if (!instance->start(address, error))
+        if (!instance->start(address, error)
+            || !DeviceProfile::writeTools(settings.supportDir + QStringLiteral("/bin"), error))
             return false;
     }
     return true;

@@ -64,8 +64,12 @@ std::optional<SimConfig> SimConfig::parse(const QStringList& arguments, QString*
         QStringLiteral("UUID of the next instance (repeatable), so that a restarted "
                        "simulator serves the same instances."),
         QStringLiteral("UUID"));
+    const QCommandLineOption deviceProfile(
+        QStringLiteral("device-profile"),
+        QStringLiteral("modern: the emulated device speaks as a current Android; legacy: as an old one."),
+        QStringLiteral("PROFILE"), QStringLiteral("modern"));
     parser.addOptions({ listen, instances, apiToken, email, password, tlsCert, tlsKey, rtt, bandwidth,
-                        sandbox, device, sessionTtl, uuid });
+                        sandbox, device, sessionTtl, uuid, deviceProfile });
     if (!parser.parse(arguments)) {
         *error = parser.errorText();
         return std::nullopt;
@@ -137,6 +141,13 @@ std::optional<SimConfig> SimConfig::parse(const QStringList& arguments, QString*
         }
     } else if (deviceValue != QLatin1String("emulated")) {
         *error = QStringLiteral("--device expects emulated or tcp:HOST:PORT, got \"%1\"").arg(deviceValue);
+        return std::nullopt;
+    }
+    const QString profileValue = parser.value(deviceProfile);
+    if (profileValue == QLatin1String("legacy")) {
+        config.deviceDialect = DeviceDialect::Legacy;
+    } else if (profileValue != QLatin1String("modern")) {
+        *error = QStringLiteral("--device-profile expects modern or legacy, got \"%1\"").arg(profileValue);
         return std::nullopt;
     }
     return config;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "deviceprofile.h"
+
 #include <QString>
 #include <QStringList>
 
@@ -22,6 +24,7 @@ struct SimConfig
     QString sandboxDir; // a temporary directory when empty
     QString deviceHost; // empty: emulated device
     quint16 devicePort = 0;
+    DeviceDialect deviceDialect = DeviceDialect::Modern;
     qint64 sessionTtlMs = 3600 * 1000; // 0: sessions never expire
 
     static constexpr int MAX_INSTANCES = 64;

@@ -25,6 +25,9 @@ std::optional<SyncParser::Request> SyncParser::next()
     case LIST:
     case SEND:
     case RECV:
+    case STA2:
+    case LST2:
+    case LIS2:
         if (request.length > MAX_PATH) {
             m_error = QStringLiteral("path too long (%1 bytes)").arg(request.length);
             return std::nullopt;

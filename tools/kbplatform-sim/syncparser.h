@@ -29,6 +29,11 @@ public:
     static constexpr quint32 FAIL = syncId("FAIL");
     static constexpr quint32 QUIT = syncId("QUIT");
     static constexpr quint32 DENT = syncId("DENT");
+    // stat_v2 and ls_v2: 64-bit sizes and times.
+    static constexpr quint32 STA2 = syncId("STA2");
+    static constexpr quint32 LST2 = syncId("LST2");
+    static constexpr quint32 LIS2 = syncId("LIS2");
+    static constexpr quint32 DNT2 = syncId("DNT2");
 
     struct Request
     {

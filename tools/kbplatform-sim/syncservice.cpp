@@ -6,6 +6,7 @@
 #include <QSaveFile>
 #include <QtEndian>
 
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -23,11 +24,43 @@ QByteArray statReply(quint32 id, const struct stat* st)
     return bytes;
 }
 
+// file_sync_protocol.h's sync_stat_v2 (and the head of sync_dent_v2): id, error, dev, ino,
+// mode, nlink, uid, gid, size, atime, mtime, ctime, all little-endian.
+QByteArray stat2Reply(quint32 id, const struct stat* st, int error)
+{
+    QByteArray bytes(72, '\0');
+    char* p = bytes.data();
+    qToLittleEndian(id, p);
+    qToLittleEndian(quint32(error), p + 4);
+    if (st) {
+        qToLittleEndian(quint64(st->st_dev), p + 8);
+        qToLittleEndian(quint64(st->st_ino), p + 16);
+        qToLittleEndian(quint32(st->st_mode), p + 24);
+        qToLittleEndian(quint32(st->st_nlink), p + 28);
+        qToLittleEndian(quint32(st->st_uid), p + 32);
+        qToLittleEndian(quint32(st->st_gid), p + 36);
+        qToLittleEndian(quint64(st->st_size), p + 40);
+        qToLittleEndian(qint64(st->st_atime), p + 48);
+        qToLittleEndian(qint64(st->st_mtime), p + 56);
+        qToLittleEndian(qint64(st->st_ctime), p + 64);
+    }
+    return bytes;
+}
+
+QByteArray dent2(quint32 id, const struct stat* st, const QByteArray& name)
+{
+    QByteArray bytes = stat2Reply(id, st, 0) + QByteArray(4, '\0');
+    qToLittleEndian(quint32(name.size()), bytes.data() + 72);
+    return bytes + name;
+}
+
 } // namespace
 
-SyncService::SyncService(EmulatedDevice* device, quint32 localId, const QString& sandboxDir)
-    : DeviceService(device, localId)
+SyncService::SyncService(DeviceStreams* streams, quint32 localId, const QString& sandboxDir, bool version2,
+                         QObject* parent)
+    : DeviceService(streams, localId, parent)
     , m_sandbox(sandboxDir)
+    , m_version2(version2)
 { }
 
 SyncService::~SyncService() = default;
@@ -89,6 +122,21 @@ void SyncService::handle(const SyncParser::Request& request)
     case SyncParser::QUIT:
         finish();
         break;
+    case SyncParser::STA2:
+    case SyncParser::LST2:
+        if (!m_version2) {
+            protocolError(QStringLiteral("unknown sync request"));
+            break;
+        }
+        handleStat2(request.id, request.data);
+        break;
+    case SyncParser::LIS2:
+        if (!m_version2) {
+            protocolError(QStringLiteral("unknown sync request"));
+            break;
+        }
+        handleList2(request.data);
+        break;
     default:
         protocolError(QStringLiteral("unexpected sync request"));
         break;
@@ -123,6 +171,35 @@ void SyncService::handleList(const QByteArray& path)
         }
     }
     send(statReply(SyncParser::DONE, nullptr) + QByteArray(4, '\0'));
+}
+
+void SyncService::handleStat2(quint32 id, const QByteArray& path)
+{
+    QString error;
+    const QString hostPath = m_sandbox.resolve(path, &error);
+    struct stat st;
+    const QByteArray name = QFile::encodeName(hostPath);
+    const int result = hostPath.isEmpty()
+        ? (errno = ENOENT, -1)
+        : (id == SyncParser::LST2 ? ::lstat(name.constData(), &st) : ::stat(name.constData(), &st));
+    // SYNC.TXT: a failed stat_v2 carries the errno, Linux's numbering being the wire's.
+    send(result == 0 ? stat2Reply(id, &st, 0) : stat2Reply(id, nullptr, errno));
+}
+
+void SyncService::handleList2(const QByteArray& path)
+{
+    QString error;
+    const QString hostPath = m_sandbox.resolve(path, &error);
+    if (!hostPath.isEmpty()) {
+        const QDir dir(hostPath);
+        const QStringList names = dir.entryList(QDir::AllEntries | QDir::Hidden | QDir::System, QDir::Name);
+        for (const QString& name : names) {
+            struct stat st;
+            if (::lstat(QFile::encodeName(dir.filePath(name)).constData(), &st) == 0)
+                send(dent2(SyncParser::DNT2, &st, QFile::encodeName(name)));
+        }
+    }
+    send(dent2(SyncParser::DONE, nullptr, QByteArray()));
 }
 
 void SyncService::handleSend(const QByteArray& pathAndMode)

@@ -15,7 +15,9 @@ class SyncService : public DeviceService
     Q_OBJECT
 
 public:
-    SyncService(EmulatedDevice* device, quint32 localId, const QString& sandboxDir);
+    // With version2, also STA2, LST2 and LIS2 (stat_v2, ls_v2).
+    SyncService(DeviceStreams* streams, quint32 localId, const QString& sandboxDir, bool version2,
+                QObject* parent);
     ~SyncService() override;
 
     void start() override { }
@@ -28,6 +30,8 @@ private:
     void handle(const SyncParser::Request& request);
     void handleStat(const QByteArray& path);
     void handleList(const QByteArray& path);
+    void handleStat2(quint32 id, const QByteArray& path);
+    void handleList2(const QByteArray& path);
     void handleSend(const QByteArray& pathAndMode);
     void handleData(const QByteArray& data);
     void handleDone(quint32 mtime);
@@ -37,6 +41,7 @@ private:
 
     Sandbox m_sandbox;
     SyncParser m_parser;
+    bool m_version2;
     int m_unacknowledged = 0;
 
     // SEND in progress: the file being written, or the error to report at DONE.

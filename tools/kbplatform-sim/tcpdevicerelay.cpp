@@ -8,6 +8,8 @@ TcpDeviceRelay::TcpDeviceRelay(const QString& host, quint16 port, QObject* paren
 {
     // The device's own flow control bounds what it sends; this only caps what Qt pre-reads.
     m_socket->setReadBufferSize(HIGH_WATER);
+    // ADB messages are small and answer one another: no Nagle delay on the way to the device.
+    m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     connect(m_socket, &QTcpSocket::readyRead, this, &TcpDeviceRelay::onReadyRead);
     connect(m_socket, &QTcpSocket::disconnected, this, &TcpDeviceRelay::onDisconnected);
     connect(m_socket, &QTcpSocket::bytesWritten, this, &TcpDeviceRelay::onBytesWritten);
