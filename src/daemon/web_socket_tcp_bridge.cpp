@@ -241,7 +241,7 @@ void WebSocketTcpBridge::onTcpDataReceived(const QByteArray& data)
         return;
     }
     m_tcpReader.append(data);
-    // Sending waits in a nested event loop, which may re-enter here or destroy the bridge.
+    // A message may end the connection (a corrupt stream) and with it, through the tunnel, the bridge.
     const QPointer<WebSocketTcpBridge> self(this);
     while (m_tcpReader.packetAvailable()) {
         AdbPacket packet = m_tcpReader.read();
