@@ -86,6 +86,15 @@ def rss_and_threads(pid):
     return rss, threads
 
 
+def peak_rss(pid):
+    """The process's peak resident set (VmHWM), in bytes."""
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            if line.startswith("VmHWM:"):
+                return int(line.split()[1]) * 1024
+    return 0
+
+
 def find_pid(env_entry, cmd_contains):
     """The process of ours whose environment holds env_entry and whose command line holds
     cmd_contains (the daemon and the adb server detach, so their pids are not our children's)."""
@@ -610,6 +619,46 @@ plot '{dat}' using 1:2 with linespoints lw 2 pt 7 lc 1 title 'tunnel v2', \
             else:
                 self.goal(f"shell true {rtt} ms: v2 - direct", f"{extra:+.2f} ms", "(no goal)", None)
 
+    # -- 2b. small operations ------------------------------------------------------------------
+
+    def bench_small(self):
+        """Many small messages: a directory of small files pushed, and short shell commands. These
+        pay per message what bulk transfers pay per MiB, so a stall per message shows here."""
+        b = self.bench
+        n_files, file_size, n_shells = self.args.small_files, 4096, self.args.small_shells
+        tree = b.path("small-tree")
+        if not os.path.isdir(tree):
+            os.makedirs(tree)
+            for i in range(n_files):
+                with open(os.path.join(tree, f"f{i:03}.bin"), "wb") as f:
+                    f.write(os.urandom(file_size))
+        res = {}
+        for rtt in (0, 50):
+            self.set_link(rtt, 0)
+            for rep in range(self.args.reps):
+                for path, serial in self.paths():
+                    remote = f"{REMOTE_DIR}/small-{path}"
+                    b.adb("-s", serial, "shell", "rm", "-rf", remote)
+                    t0 = time.monotonic()
+                    b.adb("-s", serial, "push", tree, remote)
+                    t1 = time.monotonic()
+                    for _ in range(n_shells):
+                        b.adb("-s", serial, "shell", "true")
+                    t2 = time.monotonic()
+                    for what, secs in (("push_dir", t1 - t0), ("shells", t2 - t1)):
+                        self.record("small", rtt_ms=rtt, path=path, what=what, rep=rep, seconds=round(secs, 4))
+                        res.setdefault((rtt, path, what), []).append(secs)
+                    log(f"small {rtt:>3} ms {path:>6} rep {rep}: {n_files} x 4 KiB pushed in {t1 - t0:.3f} s, "
+                        f"{n_shells} x shell true in {t2 - t1:.3f} s")
+        for (rtt, path, what), values in res.items():
+            self.record("small_median", rtt_ms=rtt, path=path, what=what, reps=len(values),
+                        seconds=round(median(values), 4))
+        for rtt, limit in ((0, 1.3), (50, 1.0)):
+            for what, label in (("push_dir", f"{n_files} x 4 KiB pushed"), ("shells", f"{n_shells} x shell true")):
+                v2, v1 = median(res[(rtt, "v2", what)]), median(res[(rtt, "v1", what)])
+                self.goal(f"{label}, {rtt} ms: v2 / v1", f"{v2:.2f} / {v1:.2f} s: {v2 / v1:.2f}x",
+                          f"<= {limit}x", v2 / v1 <= limit)
+
     # -- 3. connect time -------------------------------------------------------------------------
 
     def bench_connect(self):
@@ -792,6 +841,13 @@ plot '{dat}' using 1:2 with linespoints lw 2 pt 7 title 'resident memory per idl
         verdict = "-" if ok is None else ("met" if ok else "MISSED")
         self.summary.append((figure, value, goal, verdict))
 
+    def record_peak_rss(self):
+        for name, daemon in (("v2", getattr(self, "d2", None)), ("v1", getattr(self, "d1", None))):
+            if daemon and daemon.pid and os.path.exists(f"/proc/{daemon.pid}"):
+                mib = peak_rss(daemon.pid) / MIB
+                self.record("peak_rss", daemon=name, peak_rss_mib=round(mib, 1))
+                self.goal(f"daemon peak RSS over the run, {name}", f"{mib:.1f} MiB", "", None)
+
     def print_table(self):
         w = max(len(s[0]) for s in self.summary) if self.summary else 10
         lines = [f"{'figure':<{w}}  {'measured':<34} {'goal':<16} verdict", "-" * (w + 62)]
@@ -805,7 +861,7 @@ plot '{dat}' using 1:2 with linespoints lw 2 pt 7 title 'resident memory per idl
             wr.writerow(["figure", "measured", "goal", "verdict"])
             wr.writerows(self.summary)
         print(text)
-        for name in ("bulk_median", "shell_median", "connect_median", "roundtrip", "cpu_median", "scale"):
+        for name in ("bulk_median", "small_median", "peak_rss", "shell_median", "connect_median", "roundtrip", "cpu_median", "scale"):
             if name in self.rows:
                 print(f"\n{name}:")
                 rows = self.rows[name]
@@ -830,8 +886,8 @@ def main():
     p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     p.add_argument("--quick", action="store_true", help="1 repetition, 16 MiB transfers, 0 and 50 ms, "
                    "20 shell runs, scale 1/10/50")
-    p.add_argument("--only", default="bulk,shell,connect,roundtrip,cpu,scale",
-                   help="comma-separated subset of bulk,shell,connect,roundtrip,cpu,scale")
+    p.add_argument("--only", default="bulk,small,shell,connect,roundtrip,cpu,scale",
+                   help="comma-separated subset of bulk,small,shell,connect,roundtrip,cpu,scale")
     p.add_argument("--reps", type=int, help="repetitions of each transfer (default 3)")
     p.add_argument("--size-mib", type=int, help="size of one push or pull (default 64)")
     p.add_argument("--shell-count", type=int, help="runs of `adb shell true` per path (default 50)")
@@ -844,6 +900,8 @@ def main():
     args.reps = args.reps or (1 if q else 3)
     args.size_mib = args.size_mib or (16 if q else 64)
     args.shell_count = args.shell_count or (20 if q else 50)
+    args.small_files = 200
+    args.small_shells = 30
     args.connect_reps = 2 if q else 5
     args.scale = [int(x) for x in (args.scale or ("1,10,50" if q else "1,10,50,100")).split(",")]
     args.scale_total_mib = 64 if q else 256
@@ -858,13 +916,14 @@ def main():
     suite = Suite(bench, args)
     signal.signal(signal.SIGTERM, lambda *a: sys.exit(1))
     try:
-        if only & {"bulk", "shell", "connect", "roundtrip", "cpu"}:
+        if only & {"bulk", "small", "shell", "connect", "roundtrip", "cpu"}:
             suite.setup_main()
-        for name in ("bulk", "shell", "connect", "roundtrip", "cpu", "scale"):
+        for name in ("bulk", "small", "shell", "connect", "roundtrip", "cpu", "scale"):
             if name in only:
                 log(f"== {name}")
                 getattr(suite, "bench_" + name)()
                 suite.write_csv()
+        suite.record_peak_rss()
     finally:
         bench.cleanup()
     suite.write_csv()

@@ -11,7 +11,9 @@
 // closes keep their order; a stream that announces an oversized message costs its sender the
 // connection.
 #include "adbprotocol/AdbPacket.h"
+#include "adbprotocol/ConnectBanner.h"
 #include "adbprotocol/PacketReader.h"
+#include "daemon/adbtunnelversion.h"
 #include "daemon/web_socket_tcp_bridge.h"
 #include "fuzzsupport.h"
 #include "mockwebsocket.h"
@@ -41,6 +43,19 @@ QList<QByteArray> cut(PacketReader& reader, const QByteArray& bytes)
     reader.append(bytes);
     while (reader.packetAvailable())
         messages.append(reader.read().toByteArray());
+    return messages;
+}
+
+// Messages as the bridge relays them: at version 2 the CNXN banners lose delayed_ack.
+QList<QByteArray> relayed(QList<QByteArray> messages)
+{
+    if (!AdbTunnelVersion::isMegaFastEnabled())
+        return messages;
+    for (QByteArray& message : messages) {
+        AdbPacket packet = AdbPacket::fromByteArray(message);
+        if (ConnectBanner::removeFeature(&packet, "delayed_ack"))
+            message = packet.toByteArray();
+    }
     return messages;
 }
 
@@ -111,11 +126,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const QByteArray bytes = input.bytes(length);
         if (op & 1) {
             deviceBytes += bytes;
-            fromDevice += cut(deviceModel, bytes);
+            fromDevice += relayed(cut(deviceModel, bytes));
             deviceCorrupt = deviceModel.isCorrupted();
             webSocket->deliver(bytes);
         } else {
-            fromServer += cut(serverModel, bytes);
+            fromServer += relayed(cut(serverModel, bytes));
             serverCorrupt = serverModel.isCorrupted();
             bridge->onTcpDataReceived(bytes);
         }
@@ -140,7 +155,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         // Complete a half-delivered device message so that the closing sentinel stands alone.
         auto deliver = [&](const QByteArray& bytes) {
             deviceBytes += bytes;
-            fromDevice += cut(deviceModel, bytes);
+            fromDevice += relayed(cut(deviceModel, bytes));
             webSocket->deliver(bytes);
         };
         if (deviceModel.bufferedSize() > 0 && deviceModel.bufferedSize() < AdbPacket::HEADER_SIZE)

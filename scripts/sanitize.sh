@@ -51,7 +51,7 @@ else
     # thread). The others are single-threaded and gain nothing here.
     set +e
     ctest --test-dir "$build_dir" --output-on-failure -j "$jobs" --timeout 1800 \
-        -R 'tst_(e2e_|websockettcpbridge|bridgelimits|tcpserver|adbclient|singleinstance|cli|networkprovider|webserviceclient)' "$@"
+        -R 'tst_(e2e_|websockettcpbridge|tcpserver|adbclient|singleinstance|cli|networkprovider|webserviceclient)' "$@"
     status=$?
     set -e
 fi

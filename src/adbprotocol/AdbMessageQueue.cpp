@@ -37,6 +37,14 @@ void AdbMessageQueue::onOkayReceived()
         Q_EMIT idle();
 }
 
+void AdbMessageQueue::discard()
+{
+    QMutexLocker locker(&m_mutex);
+    m_queue.clear();
+    m_queuedBytes = 0;
+    m_ready = false;
+}
+
 qsizetype AdbMessageQueue::size() const
 {
     QMutexLocker locker(&m_mutex);

@@ -16,6 +16,9 @@ public:
 
     void enqueue(const QByteArray& message);
     void onOkayReceived();
+    // Drops what is held back: the ADB server closed the stream and discards its writes. The
+    // message released last stays unacknowledged, so nothing is released any more.
+    void discard();
 
     qsizetype size() const;
     // Bytes held back, the released message awaiting its OKAY not included.

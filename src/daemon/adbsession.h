@@ -30,6 +30,7 @@ public:
 
     void enqueue(const QByteArray& message);
     void onOkayReceived();
+    void discardQueue() { m_messageQueue.discard(); }
     qsizetype queuedMessages() const { return m_messageQueue.size(); }
     qsizetype queuedBytes() const { return m_messageQueue.queuedBytes(); }
 
@@ -38,6 +39,7 @@ public:
 
     void closeFromServer() { m_closedFromServer = true; }
     void closeFromDevice() { m_closedFromDevice = true; }
+    bool isClosedFromServer() const { return m_closedFromServer; }
     bool isClosed() const { return m_closedFromServer && m_closedFromDevice; }
 
     // Hook for tracing a session's life ("CREATION", "DELETION"); prints nothing.

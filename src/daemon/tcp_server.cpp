@@ -62,6 +62,9 @@ void TcpServer::incomingConnection(qintptr socketDescriptor)
         delete socket;
         return;
     }
+    // ADB messages are small and answered one by one: with Nagle on, the second of two small
+    // writes waits for the ADB server's delayed acknowledgement (~40 ms on Linux).
+    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     addPendingConnection(socket);
 }
 

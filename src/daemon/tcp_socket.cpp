@@ -5,6 +5,7 @@
 TcpSocket::TcpSocket(QObject* parent)
     : QTcpSocket(parent)
 {
+    setReadBufferSize(READ_BUFFER_SIZE);
     connect(this, &QTcpSocket::readyRead, this, &TcpSocket::onReadyRead);
     connect(this, &QAbstractSocket::errorOccurred, this, [this](QAbstractSocket::SocketError socketError) {
         qDebug().noquote() << "Tcp client error:" << socketError << errorString();
@@ -34,13 +35,23 @@ void TcpSocket::dispose()
         delete this;
 }
 
+void TcpSocket::setReadingPaused(bool paused)
+{
+    if (m_readingPaused == paused)
+        return;
+    m_readingPaused = paused;
+    // What arrived meanwhile raises no new readyRead; queued, as we may be inside a reader's slot.
+    if (!paused && bytesAvailable() > 0)
+        QMetaObject::invokeMethod(this, &TcpSocket::onReadyRead, Qt::QueuedConnection);
+}
+
 void TcpSocket::onReadyRead()
 {
-    if (m_reading || m_disposed)
+    if (m_reading || m_disposed || m_readingPaused)
         return;
     m_reading = true;
     QByteArray buffer(READ_CHUNK_SIZE, Qt::Uninitialized);
-    while (!m_disposed && bytesAvailable() > 0) {
+    while (!m_disposed && !m_readingPaused && bytesAvailable() > 0) {
         const qint64 n = read(buffer.data(), READ_CHUNK_SIZE);
         if (n < 0) {
             qWarning().noquote() << "No bytes read" << error() << errorString();

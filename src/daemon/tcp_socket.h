@@ -9,6 +9,8 @@ class TcpSocket : public QTcpSocket
     Q_OBJECT
 public:
     static constexpr qint64 READ_CHUNK_SIZE = 4096;
+    // Qt's own buffer in front of the chunked reads; bounded so that a pause reaches the peer.
+    static constexpr qint64 READ_BUFFER_SIZE = 1024 * 1024;
 
     explicit TcpSocket(QObject* parent = nullptr);
     ~TcpSocket() override;
@@ -18,6 +20,10 @@ public:
     // Aborts the connection and deletes the socket: at once, or, when called from inside its own
     // dataReceived (a receiver's nested event loop), as soon as that handling has unwound.
     void dispose();
+    // While paused nothing is read: the socket's bounded read buffer fills, then the kernel's,
+    // and TCP slows the ADB server down. Resuming reads what waited.
+    void setReadingPaused(bool paused);
+    bool isReadingPaused() const { return m_readingPaused; }
 
 public Q_SLOTS:
     void onReadyRead();
@@ -30,4 +36,5 @@ Q_SIGNALS:
 private:
     bool m_reading = false;
     bool m_disposed = false;
+    bool m_readingPaused = false;
 };

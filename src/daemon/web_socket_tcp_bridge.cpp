@@ -2,21 +2,24 @@
 
 #include "adbprotocol/AdbPacket.h"
 #include "adbprotocol/AdbTunnelLogger.h"
+#include "adbprotocol/ConnectBanner.h"
 #include "adbtunnelversion.h"
 #include "network/abstractwebsocket.h"
 #include "tcp_socket.h"
 #include "utils/loghandler.h"
 
 #include <QDebug>
-#include <QEventLoop>
 #include <QMetaEnum>
-#include <QTimer>
 
 namespace {
 
 const QString FROM_ADB_SERVER = QStringLiteral("ADB SERVER => TUNNEL SOFT");
 const QString TO_DEVICE = QStringLiteral("TUNNEL SOFT => TUNNEL CLOUD");
 const QString FROM_DEVICE = QStringLiteral("TUNNEL SOFT <= TUNNEL CLOUD");
+
+// With delayed_ack, OPEN and OKAY carry a receive window and one OKAY may cover several WRTEs;
+// the OKAY forged in retain mode has no window, so neither end may switch it on.
+const QByteArrayView DELAYED_ACK = "delayed_ack";
 
 // Keys are logged as "std::pair(5, 0)", lists as "QList(std::pair(5, 0), std::pair(12, 1))".
 QString keyText(const AdbSession::Key& key)
@@ -46,6 +49,8 @@ WebSocketTcpBridge::WebSocketTcpBridge(AbstractWebSocket* webSocket, const QStri
     qRegisterMetaType<WebSocketTcpBridge::State>("WebSocketTcpBridge::State");
 
     connect(&m_tcpServer, &TcpServer::dataReceived, this, &WebSocketTcpBridge::onTcpDataReceived);
+    // Connected after the server's own admission slot, so the admitted client is known here.
+    connect(&m_tcpServer, &QTcpServer::newConnection, this, &WebSocketTcpBridge::onTcpClientAdmitted);
     connect(&m_tcpServer, &TcpServer::socketDisconnected, this, &WebSocketTcpBridge::onTcpClientGone);
     connect(&m_tcpServer, &TcpServer::socketDisconnected, this, &WebSocketTcpBridge::tcpSocketDisconnected);
     if (webSocket) {
@@ -53,6 +58,7 @@ WebSocketTcpBridge::WebSocketTcpBridge(AbstractWebSocket* webSocket, const QStri
                 &WebSocketTcpBridge::onWebsocketDataReceived);
         connect(webSocket, &AbstractWebSocket::disconnected, this,
                 &WebSocketTcpBridge::onWebSocketDisconnected);
+        connect(webSocket, &AbstractWebSocket::bytesWritten, this, &WebSocketTcpBridge::updateTcpReading);
     }
 }
 
@@ -106,6 +112,8 @@ void WebSocketTcpBridge::stop(Error error)
     if (m_webSocket)
         m_webSocket->disconnect(this);
     m_webSocket.clear();
+    m_webSocketReadingPaused = false;
+    m_tcpReadingPaused = false;
     m_lastError = error;
     setState(IDLE);
 }
@@ -127,10 +135,102 @@ void WebSocketTcpBridge::onWebSocketDisconnected()
     m_lastError = WebSocketError;
 }
 
+void WebSocketTcpBridge::onTcpClientAdmitted()
+{
+    TcpSocket* client = m_tcpServer.client();
+    if (!client || client == m_client)
+        return; // a refused second connection
+    resetSessions();
+    m_client = client;
+    connect(client, &QIODevice::bytesWritten, this, &WebSocketTcpBridge::updateWebSocketReading);
+    client->setReadingPaused(m_tcpReadingPaused);
+    updateWebSocketReading();
+}
+
 void WebSocketTcpBridge::onTcpClientGone()
 {
     // A partial message of the old connection must not prefix the next client's stream.
     m_tcpReader.clear();
+    m_delayedAckRemovedFrom = 0;
+    resetSessions();
+}
+
+void WebSocketTcpBridge::resetSessions()
+{
+    if (m_sessions.isEmpty())
+        return;
+    qCDebug(tunnelCategory) << "ADB TUNNEL connection of the ADB server ended, dropping" << m_sessions.size()
+                            << "sessions";
+    for (AdbSession* session : std::as_const(m_sessions)) {
+        session->disconnect(this);
+        session->disconnect(&m_tcpServer);
+        session->discardQueue();
+        session->deleteLater();
+    }
+    m_sessions.clear();
+    m_queuedForAdbServer = 0;
+    updateWebSocketReading();
+}
+
+qint64 WebSocketTcpBridge::heldForAdbServer() const
+{
+    qint64 held = m_queuedForAdbServer;
+    if (m_client && m_client->state() == QAbstractSocket::ConnectedState)
+        held += m_client->bytesToWrite();
+    return held;
+}
+
+void WebSocketTcpBridge::enqueueForAdbServer(AdbSession* session, const QByteArray& message)
+{
+    // The queue may release at once (to the socket) and run empty, deleting the session later.
+    const qsizetype before = session->queuedBytes();
+    session->enqueue(message);
+    m_queuedForAdbServer += session->queuedBytes() - before;
+}
+
+void WebSocketTcpBridge::okayFromAdbServer(AdbSession* session)
+{
+    const qsizetype before = session->queuedBytes();
+    session->onOkayReceived();
+    m_queuedForAdbServer += session->queuedBytes() - before;
+}
+
+void WebSocketTcpBridge::updateWebSocketReading()
+{
+    if (!m_webSocket)
+        return;
+    const qint64 held = heldForAdbServer();
+    if (!m_webSocketReadingPaused && held > HIGH_WATERMARK) {
+        qCDebug(tunnelCategory) << "ADB TUNNEL" << held
+                                << "bytes wait for the ADB server, pausing the device";
+        m_webSocketReadingPaused = true;
+        m_webSocket->setReadingPaused(true);
+    } else if (m_webSocketReadingPaused && held < LOW_WATERMARK) {
+        qCDebug(tunnelCategory) << "ADB TUNNEL" << held
+                                << "bytes wait for the ADB server, resuming the device";
+        m_webSocketReadingPaused = false;
+        m_webSocket->setReadingPaused(false);
+    }
+}
+
+void WebSocketTcpBridge::updateTcpReading()
+{
+    if (!m_webSocket)
+        return;
+    const qint64 pending = m_webSocket->bytesToWrite();
+    if (!m_tcpReadingPaused && pending > HIGH_WATERMARK) {
+        qCDebug(tunnelCategory) << "ADB TUNNEL" << pending
+                                << "bytes wait for the device, pausing the ADB server";
+        m_tcpReadingPaused = true;
+    } else if (m_tcpReadingPaused && pending < LOW_WATERMARK) {
+        qCDebug(tunnelCategory) << "ADB TUNNEL" << pending
+                                << "bytes wait for the device, resuming the ADB server";
+        m_tcpReadingPaused = false;
+    } else {
+        return;
+    }
+    if (m_client)
+        m_client->setReadingPaused(m_tcpReadingPaused);
 }
 
 void WebSocketTcpBridge::onTcpDataReceived(const QByteArray& data)
@@ -141,7 +241,7 @@ void WebSocketTcpBridge::onTcpDataReceived(const QByteArray& data)
         return;
     }
     m_tcpReader.append(data);
-    // Sending waits in a nested event loop, which may re-enter here or destroy the bridge.
+    // A message may end the connection (a corrupt stream) and with it, through the tunnel, the bridge.
     const QPointer<WebSocketTcpBridge> self(this);
     while (m_tcpReader.packetAvailable()) {
         AdbPacket packet = m_tcpReader.read();
@@ -149,6 +249,8 @@ void WebSocketTcpBridge::onTcpDataReceived(const QByteArray& data)
         if (!self)
             return;
     }
+    // Its OKAYs may have released held-back writes.
+    updateWebSocketReading();
     if (m_tcpReader.isCorrupted()) {
         qWarning() << "ADB TUNNEL Invalid message from ADB Server: announced length"
                    << m_tcpReader.corruptLength() << "exceeds" << PacketReader::MAX_PAYLOAD
@@ -172,6 +274,7 @@ void WebSocketTcpBridge::onWebsocketDataReceived(const QByteArray& message)
         if (!self)
             return;
     }
+    updateWebSocketReading();
     if (m_webSocketReader.isCorrupted()) {
         // There is no resynchronising inside the stream: drop the connection and let the
         // tunnel reconnect.
@@ -205,6 +308,8 @@ void WebSocketTcpBridge::createSession(unsigned id, AdbSession::Origin origin)
         qWarning().noquote() << "ADB TUNNEL duplicate OPEN, replacing session" << keyText(key);
         previous->disconnect(this);
         previous->disconnect(&m_tcpServer);
+        m_queuedForAdbServer -= previous->queuedBytes();
+        previous->discardQueue();
         previous->deleteLater();
     }
     m_sessions.insert(key, session);
@@ -221,12 +326,34 @@ void WebSocketTcpBridge::deleteSessionIfPossible(AdbSession* session)
         return;
     }
     const AdbSession::Key key = session->getUniqueKey();
-    if (m_sessions.value(key) == session)
-        m_sessions.remove(key);
+    if (m_sessions.value(key) != session)
+        return; // replaced by a later OPEN, or dropped with its connection
+    m_sessions.remove(key);
     qCDebug(tunnelCategory).noquote() << "ADB SESSIONS" << keysText(m_sessions.keys());
+    m_queuedForAdbServer -= session->queuedBytes();
+    session->discardQueue();
     // Deferred: we may be inside one of the session's own signals.
     session->disconnect(this);
+    session->disconnect(&m_tcpServer);
     session->deleteLater();
+}
+
+QByteArray WebSocketTcpBridge::withoutDelayedAck(AdbPacket* connect, Sender sender)
+{
+    if (AdbTunnelVersion::isMegaFastEnabled() && ConnectBanner::removeFeature(connect, DELAYED_ACK))
+        m_delayedAckRemovedFrom |= sender;
+    // The device's CNXN ends the handshake: one line for both banners.
+    if (sender == FromDevice && m_delayedAckRemovedFrom) {
+        QStringList senders;
+        if (m_delayedAckRemovedFrom & FromServer)
+            senders.append(QStringLiteral("ADB server"));
+        if (m_delayedAckRemovedFrom & FromDevice)
+            senders.append(QStringLiteral("device"));
+        qDebug().noquote() << "Retain mode: removed feature" << DELAYED_ACK.toByteArray()
+                           << "from the CNXN of:" << senders.join(QLatin1String(", "));
+        m_delayedAckRemovedFrom = 0;
+    }
+    return connect->toByteArray();
 }
 
 void WebSocketTcpBridge::sendBackOkayToAdbServer(const AdbPacket& message)
@@ -246,7 +373,9 @@ void WebSocketTcpBridge::processTcpPacket(AdbPacket* packet)
 
     if (command == AdbPacket::CNXN) {
         qCDebug(tunnelCategory) << "ADB TUNNEL CNXN message -> forward to websocket";
-        sendMessageToDevice(bytes);
+        // The ADB server starts its transport over: none of the streams it knew survives.
+        resetSessions();
+        sendMessageToDevice(withoutDelayedAck(packet, FromServer));
         return;
     }
     if (command == AdbPacket::OPEN) {
@@ -270,7 +399,7 @@ void WebSocketTcpBridge::processTcpPacket(AdbPacket* packet)
         if (session->isRetainModeEnabled()) {
             // This acknowledges a write we released; the device got its OKAY from us already.
             qCDebug(tunnelCategory) << "ADB TUNNEL retain mode enabled => onOkayReceived";
-            session->onOkayReceived();
+            okayFromAdbServer(session);
             return;
         }
         break;
@@ -285,6 +414,9 @@ void WebSocketTcpBridge::processTcpPacket(AdbPacket* packet)
         qCDebug(tunnelCategory).noquote()
             << "ADB TUNNEL CLOSE message => delete session" << keyText(session->getUniqueKey());
         session->closeFromServer();
+        // The ADB server discards writes for a stream it closed: holding them is waste.
+        m_queuedForAdbServer -= session->queuedBytes();
+        session->discardQueue();
         deleteSessionIfPossible(session);
         break;
     default:
@@ -307,6 +439,10 @@ void WebSocketTcpBridge::processWebSocketPacket(AdbPacket* packet)
         m_tcpServer.sendData(bytes);
         return;
     }
+    if (command == AdbPacket::CNXN) {
+        m_tcpServer.sendData(withoutDelayedAck(packet, FromDevice));
+        return;
+    }
     if (command != AdbPacket::WRTE && command != AdbPacket::CLSE) {
         m_tcpServer.sendData(bytes);
         return;
@@ -321,30 +457,35 @@ void WebSocketTcpBridge::processWebSocketPacket(AdbPacket* packet)
     }
 
     if (!AdbTunnelVersion::isMegaFastEnabled()) {
-        if (command == AdbPacket::CLSE)
-            session->closeFromDevice();
         m_tcpServer.sendData(bytes);
+        if (command == AdbPacket::CLSE) {
+            session->closeFromDevice();
+            deleteSessionIfPossible(session);
+        }
         return;
     }
 
-    // The instance already counts these writes as acknowledged, so dropping one would corrupt
-    // the stream. The queue drains at the pace of the ADB server's OKAYs; a device that keeps
-    // writing past the bound costs the whole connection instead, and the tunnel reconnects.
+    if (session->isClosedFromServer()) {
+        // Nothing more is released on a stream the ADB server closed; its CLSE answer goes on.
+        if (command == AdbPacket::WRTE) {
+            qCDebug(tunnelCategory) << "ADB TUNNEL stream closed by the ADB server, write not held";
+            return;
+        }
+        session->closeFromDevice();
+        m_tcpServer.sendData(bytes);
+        deleteSessionIfPossible(session);
+        return;
+    }
+
+    // The instance already counts these writes as acknowledged, so none may be dropped; they
+    // drain at the pace of the ADB server's OKAYs, and the watermark stops reading the device
+    // while too much waits.
     qCDebug(tunnelCategory) << "ADB TUNNEL enable retain mode";
     session->enableRetainMode();
     if (command == AdbPacket::CLSE)
         session->closeFromDevice();
     // A queued CLSE reaches the ADB server after the writes queued before it.
-    session->enqueue(bytes);
-    if (session->queuedBytes() > MAX_QUEUED_BYTES_PER_STREAM
-        || session->queuedMessages() > MAX_QUEUED_MESSAGES_PER_STREAM) {
-        qWarning() << "ADB TUNNEL device overran the queue of stream" << session->getUniqueKey() << ":"
-                   << session->queuedMessages() << "messages," << session->queuedBytes()
-                   << "bytes awaiting the ADB server, closing the web socket";
-        m_webSocketReader.clear();
-        if (m_webSocket)
-            m_webSocket->abort();
-    }
+    enqueueForAdbServer(session, bytes);
 }
 
 void WebSocketTcpBridge::sendMessageToDevice(const QByteArray& bytes)
@@ -359,32 +500,7 @@ void WebSocketTcpBridge::sendMessageToDevice(const QByteArray& bytes)
         qWarning() << m_webSocket->error() << m_webSocket->errorString();
     else if (sent < bytes.size())
         qWarning() << "Write" << sent << "bytes instead of" << bytes.size() << "in web socket.";
-    waitForWebSocketDataToBeSent();
-}
-
-bool WebSocketTcpBridge::isWebSocketStillFlushing()
-{
-    return m_webSocket && m_webSocket->state() == QAbstractSocket::ConnectedState && m_webSocket->flush();
-}
-
-void WebSocketTcpBridge::waitForWebSocketDataToBeSent()
-{
-    // Push each message onto the network before reading the next. With a real socket the first
-    // flush writes the frame and the second finds nothing left, so both are tried at once and
-    // the 1 ms polling loop only runs while the socket keeps making progress.
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        if (!isWebSocketStillFlushing())
-            return;
-    }
-    QEventLoop loop;
-    QTimer timer;
-    timer.setInterval(1);
-    // The loop may run the bridge's own deferred deletion.
-    const QPointer<WebSocketTcpBridge> self(this);
-    connect(&timer, &QTimer::timeout, &loop, [self, &loop] {
-        if (!self || !self->isWebSocketStillFlushing())
-            loop.quit();
-    });
-    timer.start();
-    loop.exec();
+    // No waiting for the frame to leave: the watermark bounds what the socket buffers, and
+    // the event loop writes it out, several messages at a time.
+    updateTcpReading();
 }

@@ -3,6 +3,7 @@
 #include "adbprotocol/PacketReader.h"
 #include "adbsession.h"
 #include "tcp_server.h"
+#include "tcp_socket.h"
 
 #include <QMap>
 #include <QObject>
@@ -33,13 +34,13 @@ public:
     };
     Q_ENUM(Error)
 
-    // What the device may have waiting for the ADB server's OKAYs on one stream, and how many
-    // messages: past either, the instance loses its connection. Each held-back write is one the
-    // instance was already told was acknowledged, so it cannot be dropped alone. The ADB server
-    // normally drains this far faster than any WAN fills it, but a starved machine (a profiler,
-    // a loaded CI box) was seen to let an honest pull pass 64 MiB, hence the generous margin.
-    static constexpr qsizetype MAX_QUEUED_BYTES_PER_STREAM = 256 * 1024 * 1024;
-    static constexpr qsizetype MAX_QUEUED_MESSAGES_PER_STREAM = 64 * 1024;
+    // Flow control, one bound per tunnel and direction: once more than HIGH_WATERMARK bytes wait
+    // for the slower side, the other side is no longer read (TCP then slows it down); reading
+    // resumes below LOW_WATERMARK. Towards the ADB server the bytes waiting are all sessions'
+    // held-back writes plus what the local socket has not written yet; towards the device, what
+    // the WebSocket has not written yet. Nothing is dropped to stay under them.
+    static constexpr qint64 HIGH_WATERMARK = 16 * 1024 * 1024;
+    static constexpr qint64 LOW_WATERMARK = 4 * 1024 * 1024;
 
     // The socket must be connected and authenticated already; it is used, never owned.
     WebSocketTcpBridge(AbstractWebSocket* webSocket, const QString& uuid, QObject* parent = nullptr);
@@ -54,6 +55,9 @@ public:
     Error getLastError() const { return m_lastError; }
     quint16 getTcpPort() const;
     QList<AdbSession::Key> sessionKeys() const { return m_sessions.keys(); }
+    // Bytes waiting for the ADB server: the sessions' held-back writes and the local socket's
+    // unwritten bytes (the measure of the device-side watermark).
+    qint64 heldForAdbServer() const;
 
 public Q_SLOTS:
     void onWebSocketDisconnected();
@@ -74,11 +78,19 @@ private:
     void processWebSocketPacket(AdbPacket* packet);
     AdbSession* retrieveSession(unsigned serverSideId, unsigned deviceSideId) const;
     void createSession(unsigned id, AdbSession::Origin origin);
+    enum Sender { FromServer = 1, FromDevice = 2 };
+    // The CNXN as it is to go on: at version 2 without delayed_ack in its features.
+    QByteArray withoutDelayedAck(AdbPacket* connect, Sender sender);
     void sendBackOkayToAdbServer(const AdbPacket& message);
     void sendMessageToDevice(const QByteArray& bytes);
-    void waitForWebSocketDataToBeSent();
-    bool isWebSocketStillFlushing();
+    void onTcpClientAdmitted();
     void onTcpClientGone();
+    // Drops every session with its held-back writes: the ADB server's streams they belong to are gone.
+    void resetSessions();
+    void enqueueForAdbServer(AdbSession* session, const QByteArray& message);
+    void okayFromAdbServer(AdbSession* session);
+    void updateWebSocketReading();
+    void updateTcpReading();
 
     State m_state = IDLE;
     Error m_lastError = NoError;
@@ -89,4 +101,9 @@ private:
     PacketReader m_tcpReader;
     PacketReader m_webSocketReader;
     QMap<AdbSession::Key, AdbSession*> m_sessions;
+    QPointer<TcpSocket> m_client; // the ADB server's connection the sessions belong to
+    qint64 m_queuedForAdbServer = 0; // sum of the sessions' queuedBytes()
+    bool m_webSocketReadingPaused = false;
+    bool m_tcpReadingPaused = false;
+    int m_delayedAckRemovedFrom = 0; // Senders, reported when the handshake ends
 };

@@ -1,4 +1,5 @@
 #include "adbprotocol/AdbPacket.h"
+#include "adbprotocol/ConnectBanner.h"
 #include "adbprotocol/PacketReader.h"
 
 #include <QRandomGenerator>
@@ -173,6 +174,66 @@ private Q_SLOTS:
         reader.append(largest);
         QVERIFY(!reader.isCorrupted());
         QCOMPARE(reader.read().toByteArray(), largest);
+    }
+    void connectBannerWithoutDelayedAck_data()
+    {
+        QTest::addColumn<quint32>("command");
+        QTest::addColumn<quint32>("version");
+        QTest::addColumn<QByteArray>("banner");
+        QTest::addColumn<QByteArray>("expected"); // empty: left alone
+        const quint32 current = ConnectBanner::VERSION_SKIP_CHECKSUM;
+        const quint32 old = 0x01000000;
+        const quint32 cnxn = AdbPacket::CNXN;
+        QTest::newRow("first") << cnxn << current << QByteArray("host::features=delayed_ack,shell_v2,cmd")
+                               << QByteArray("host::features=shell_v2,cmd");
+        QTest::newRow("middle") << cnxn << current << QByteArray("host::features=shell_v2,delayed_ack,cmd")
+                                << QByteArray("host::features=shell_v2,cmd");
+        QTest::newRow("last, more properties around")
+            << cnxn << current
+            << QByteArray("device::ro.product.name=sim;features=shell_v2,delayed_ack;ro.serialno=x")
+            << QByteArray("device::ro.product.name=sim;features=shell_v2;ro.serialno=x");
+        QTest::newRow("only") << cnxn << current << QByteArray("device::features=delayed_ack")
+                              << QByteArray("device::features=");
+        QTest::newRow("old version, NUL-terminated, high bytes kept")
+            << cnxn << old
+            << (QByteArray("device::ro.product.model=\xc3\xa9;features=cmd,delayed_ack") + '\0')
+            << (QByteArray("device::ro.product.model=\xc3\xa9;features=cmd") + '\0');
+        QTest::newRow("absent") << cnxn << current << QByteArray("host::features=shell_v2,cmd")
+                                << QByteArray();
+        QTest::newRow("only a longer name")
+            << cnxn << current << QByteArray("host::features=delayed_ack_v2,xdelayed_ack") << QByteArray();
+        QTest::newRow("outside the features list")
+            << cnxn << current << QByteArray("host::delayed_ack=1;ro.x=delayed_ack") << QByteArray();
+        QTest::newRow("not a CNXN") << quint32(AdbPacket::WRTE) << current
+                                    << QByteArray("host::features=delayed_ack") << QByteArray();
+    }
+    void connectBannerWithoutDelayedAck()
+    {
+        QFETCH(quint32, command);
+        QFETCH(quint32, version);
+        QFETCH(QByteArray, banner);
+        QFETCH(QByteArray, expected);
+        // A sender's checksum is kept at versions that do not check it, even when it is 0.
+        const bool checked = version < ConnectBanner::VERSION_SKIP_CHECKSUM;
+        AdbPacket original(command, version, 256 * 1024, banner);
+        if (!checked)
+            original.getMessage()->data_check = 0;
+        AdbPacket packet = original;
+
+        const bool changed = ConnectBanner::removeFeature(&packet, "delayed_ack");
+        QCOMPARE(changed, !expected.isEmpty());
+        if (!changed) {
+            QCOMPARE(packet.toByteArray(), original.toByteArray());
+            return;
+        }
+        QCOMPARE(QByteArray(packet.getPayload(), packet.size() - AdbPacket::HEADER_SIZE), expected);
+        QCOMPARE(packet.dataLength(), quint32(expected.size()));
+        QCOMPARE(packet.dataCheck(),
+                 checked ? AdbPacket::checksum(expected.constData(), expected.size()) : 0u);
+        QCOMPARE(packet.command(), original.command());
+        QCOMPARE(packet.arg0(), original.arg0());
+        QCOMPARE(packet.arg1(), original.arg1());
+        QCOMPARE(packet.magic(), original.magic());
     }
 };
 

@@ -18,10 +18,28 @@ public:
     QAbstractSocket::SocketState m_state = QAbstractSocket::ConnectedState;
     QByteArrayList m_sent;
     int m_aborts = 0;
-    int m_busyFlushes = 0; // flush() reports progress this many times, keeping the sender waiting
-    std::function<void()> m_onFirstBusyFlush;
+    // Sent bytes count as unwritten until drain(), as on a network that does not keep up.
+    bool m_holdWrites = false;
+    qint64 m_bytesToWrite = 0;
+    QList<qint64> m_bytesToWriteAtSend; // m_bytesToWrite before each send
+    bool m_paused = false;
+    QByteArrayList m_heldFrames; // delivered while paused
+    std::function<void(bool)> m_onPause; // called at each change of the pause
 
-    void deliver(const QByteArray& frame) { Q_EMIT binaryFrameReceived(frame, true); }
+    // Frames delivered while reading is paused wait, as they would in the kernel's buffers.
+    void deliver(const QByteArray& frame)
+    {
+        if (m_paused)
+            m_heldFrames.append(frame);
+        else
+            Q_EMIT binaryFrameReceived(frame, true);
+    }
+    void drain(qint64 bytes)
+    {
+        bytes = qMin(bytes, m_bytesToWrite);
+        m_bytesToWrite -= bytes;
+        Q_EMIT bytesWritten(bytes);
+    }
     void dropConnection()
     {
         m_state = QAbstractSocket::UnconnectedState;
@@ -33,15 +51,7 @@ public:
     QString closeReason() const override { return {}; }
     QAbstractSocket::SocketError error() const override { return QAbstractSocket::UnknownSocketError; }
     QString errorString() const override { return {}; }
-    bool flush() override
-    {
-        if (m_busyFlushes <= 0)
-            return false;
-        --m_busyFlushes;
-        if (m_onFirstBusyFlush)
-            std::exchange(m_onFirstBusyFlush, nullptr)();
-        return true;
-    }
+    bool flush() override { return false; }
     void ignoreSslErrors(const QList<QSslError>&) override { }
     bool isValid() const override { return m_state == QAbstractSocket::ConnectedState; }
     QHostAddress localAddress() const override { return {}; }
@@ -60,6 +70,9 @@ public:
     qint64 sendBinaryMessage(const QByteArray& data) override
     {
         m_sent.append(data);
+        m_bytesToWriteAtSend.append(m_bytesToWrite);
+        if (m_holdWrites)
+            m_bytesToWrite += data.size();
         return data.size();
     }
     qint64 sendTextMessage(const QString& message) override { return message.size(); }
@@ -71,6 +84,26 @@ public:
     QSslConfiguration sslConfiguration() const override { return {}; }
     QAbstractSocket::SocketState state() const override { return m_state; }
     QWebSocketProtocol::Version version() const override { return QWebSocketProtocol::VersionLatest; }
+    qint64 bytesToWrite() const override { return m_bytesToWrite; }
+    bool isReadingPaused() const override { return m_paused; }
+    void setReadingPaused(bool paused) override
+    {
+        if (paused == m_paused)
+            return;
+        m_paused = paused;
+        if (m_onPause)
+            m_onPause(paused);
+        // Like a socket resuming, the held frames come from the event loop, not from this call.
+        if (!paused) {
+            QMetaObject::invokeMethod(
+                this,
+                [this] {
+                    while (!m_paused && !m_heldFrames.isEmpty())
+                        Q_EMIT binaryFrameReceived(m_heldFrames.takeFirst(), true);
+                },
+                Qt::QueuedConnection);
+        }
+    }
 
 public Q_SLOTS:
     void close(QWebSocketProtocol::CloseCode = QWebSocketProtocol::CloseCodeNormal,

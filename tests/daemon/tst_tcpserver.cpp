@@ -111,6 +111,7 @@ private Q_SLOTS:
         QTcpSocket client;
         client.connectToHost(QHostAddress::LocalHost, server.serverPort());
         QTRY_VERIFY(server.client());
+        QCOMPARE(server.client()->socketOption(QAbstractSocket::LowDelayOption).toInt(), 1);
 
         QByteArray data(10000, Qt::Uninitialized);
         for (int i = 0; i < data.size(); ++i)

@@ -11,7 +11,6 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
-#include <QTimer>
 #include <QWebSocket>
 #include <QWebSocketServer>
 
@@ -23,6 +22,7 @@ QStringList g_warnings;
 QtMessageHandler g_previousHandler = nullptr;
 
 QStringList g_trace;
+QStringList g_debugs; // default category
 
 void captureWarnings(QtMsgType type, const QMessageLogContext& context, const QString& message)
 {
@@ -30,6 +30,8 @@ void captureWarnings(QtMsgType type, const QMessageLogContext& context, const QS
         g_warnings.append(message);
     if (qstrcmp(context.category, "tunnel") == 0)
         g_trace.append(message);
+    else if (type == QtDebugMsg)
+        g_debugs.append(message);
     g_previousHandler(type, context, message);
 }
 
@@ -62,12 +64,31 @@ class AdbServerSide : public QObject
 public:
     explicit AdbServerSide(quint16 port)
     {
-        connect(&m_socket, &QTcpSocket::readyRead, this, [this] {
-            m_reader.append(m_socket.readAll());
-            while (m_reader.packetAvailable())
-                m_received.append(m_reader.read().toByteArray());
-        });
+        connect(&m_socket, &QTcpSocket::readyRead, this, &AdbServerSide::read);
         m_socket.connectToHost(QHostAddress::LocalHost, port);
+    }
+    // While holding, nothing is read: the bridge's socket fills up as before a slow consumer.
+    void setHolding(bool hold)
+    {
+        m_hold = hold;
+        m_socket.setReadBufferSize(hold ? 4096 : 0);
+        if (!hold)
+            read();
+    }
+    void read()
+    {
+        if (m_hold)
+            return;
+        m_reader.append(m_socket.readAll());
+        while (m_reader.packetAvailable()) {
+            m_received.append(m_reader.read().toByteArray());
+            // At version 2 the device's writes are released one per OKAY.
+            if (m_autoOkay && AdbPacket::headerWord(m_received.last(), 0) == AdbPacket::WRTE) {
+                send(AdbPacket(AdbPacket::OKAY, AdbPacket::headerWord(m_received.last(), 2),
+                               AdbPacket::headerWord(m_received.last(), 1), {})
+                         .toByteArray());
+            }
+        }
     }
     void send(const QByteArray& bytes) { m_socket.write(bytes); }
     bool waitReceived(qsizetype count)
@@ -78,7 +99,11 @@ public:
     QTcpSocket m_socket;
     PacketReader m_reader;
     QByteArrayList m_received;
+    bool m_hold = false;
+    bool m_autoOkay = false;
 };
+
+constexpr qint64 MiB = 1024 * 1024;
 
 } // namespace
 
@@ -118,11 +143,12 @@ private:
         m_device->deliver(msg(AdbPacket::OKAY, remote, local));
         return waitSent(sent + 1) && m_server->waitReceived(received + 1);
     }
-    // A CNXN is always relayed: once it arrived, everything the server sent before was processed.
+    // A command the bridge does not interpret is always relayed: once it arrived, everything
+    // the server sent before was processed.
     bool syncServerToDevice(AdbServerSide* server = nullptr)
     {
         static quint32 markers = 0;
-        const QByteArray marker = msg(AdbPacket::CNXN, 1, ++markers, "marker");
+        const QByteArray marker = msg(AdbPacket::AUTH, 0xFFFFFF00, ++markers, "marker");
         (server ? server : m_server.get())->send(marker);
         return QTest::qWaitFor(
             [&] { return !m_device->m_sent.isEmpty() && m_device->m_sent.last() == marker; });
@@ -136,12 +162,97 @@ private Q_SLOTS:
         m_v2 = AdbTunnelVersion::isMegaFastEnabled();
         qInfo() << "tunnel protocol version" << AdbTunnelVersion::getVersion();
     }
-    void init() { g_warnings.clear(); }
+    void init()
+    {
+        g_warnings.clear();
+        g_debugs.clear();
+    }
     void cleanup()
     {
         m_server.reset();
         m_bridge.reset();
         m_device.reset();
+    }
+
+    // A slow ADB server: the device is paused past the high watermark, resumed below the low one,
+    // and every write arrives once, in order.
+    void deviceSideWatermarks()
+    {
+        QVERIFY(startRelay());
+        QVERIFY(openServerStream(7, 300));
+        QList<std::pair<bool, qint64>> pauses;
+        m_device->m_onPause = [&](bool paused) { pauses.append({ paused, m_bridge->heldForAdbServer() }); };
+        m_server->setHolding(true);
+        QByteArrayList writes;
+        for (int i = 0; i < 40; ++i) {
+            writes.append(
+                msg(AdbPacket::WRTE, 300, 7, QByteArray(MiB - AdbPacket::HEADER_SIZE, char('a' + i))));
+            const bool pausedBefore = m_device->m_paused;
+            m_device->deliver(writes.last());
+            if (!pausedBefore) {
+                // Measured on the spot: nothing ran in between to write to the ADB server.
+                const qint64 held = m_bridge->heldForAdbServer();
+                QCOMPARE(m_device->m_paused, held > WebSocketTcpBridge::HIGH_WATERMARK);
+            }
+        }
+        QCOMPARE(pauses.size(), 1);
+        QVERIFY(!m_device->m_heldFrames.isEmpty());
+
+        m_server->m_autoOkay = true;
+        m_server->setHolding(false);
+        QVERIFY(m_server->waitReceived(1 + writes.size()));
+        QCOMPARE(m_server->m_received.mid(1), writes);
+        QVERIFY(!m_device->m_paused);
+        for (qsizetype i = 0; i < pauses.size(); ++i) {
+            QCOMPARE(pauses.at(i).first, i % 2 == 0);
+            if (pauses.at(i).first)
+                QVERIFY2(pauses.at(i).second > WebSocketTcpBridge::HIGH_WATERMARK,
+                         qPrintable(QString::number(i)));
+            else
+                QVERIFY2(pauses.at(i).second < WebSocketTcpBridge::LOW_WATERMARK,
+                         qPrintable(QString::number(i)));
+        }
+        QCOMPARE(m_device->m_aborts, 0);
+    }
+
+    // A slow cloud: the ADB server is no longer read past the high watermark of the WebSocket's
+    // unwritten bytes, and read again below the low one.
+    void serverSideWatermarks()
+    {
+        QVERIFY(startRelay());
+        QVERIFY(openServerStream(7, 300));
+        m_device->m_holdWrites = true;
+        m_device->m_bytesToWrite = 0;
+        const qsizetype before = m_device->m_sent.size();
+        QByteArrayList writes;
+        for (int i = 0; i < 40; ++i) {
+            writes.append(
+                msg(AdbPacket::WRTE, 7, 300, QByteArray(MiB - AdbPacket::HEADER_SIZE, char('a' + i))));
+            m_server->send(writes.last());
+        }
+        QTRY_VERIFY(m_device->m_bytesToWrite > WebSocketTcpBridge::HIGH_WATERMARK);
+        // Drained 1 MiB per turn of the event loop, so that the bridge may read in between.
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                m_device->drain(MiB);
+                return m_device->m_sent.size() == before + writes.size() && m_device->m_bytesToWrite == 0;
+            },
+            60000));
+        QCOMPARE(m_device->m_sent.mid(before), writes);
+        // Each message was sent unpaused: below the high watermark, or below the low one since the
+        // last crossing.
+        bool paused = false;
+        int crossings = 0;
+        for (qsizetype i = before; i < m_device->m_sent.size(); ++i) {
+            const qint64 pending = m_device->m_bytesToWriteAtSend.at(i);
+            if (paused)
+                QVERIFY2(pending < WebSocketTcpBridge::LOW_WATERMARK, qPrintable(QString::number(i)));
+            paused = pending + m_device->m_sent.at(i).size() > WebSocketTcpBridge::HIGH_WATERMARK;
+            crossings += paused;
+        }
+        QVERIFY(crossings > 0);
+        if (m_v2)
+            QVERIFY(m_server->waitReceived(1 + writes.size()));
     }
 
     void startTwiceThenStop()
@@ -245,29 +356,6 @@ private Q_SLOTS:
         QVERIFY(next.waitReceived(1));
     }
 
-    // The tunnel may tear the bridge down while a send waits in its nested event loop.
-    void teardownWhileSending()
-    {
-        QVERIFY(startRelay());
-        m_device->m_busyFlushes = 1000;
-        m_device->m_onFirstBusyFlush
-            = [this] { QTimer::singleShot(0, m_device.get(), [this] { m_device->dropConnection(); }); };
-        QObject scope;
-        connect(m_bridge.get(), &WebSocketTcpBridge::stateChanged, &scope,
-                [this](WebSocketTcpBridge::State state) {
-                    if (state == WebSocketTcpBridge::IDLE && m_bridge) {
-                        WebSocketTcpBridge* bridge = m_bridge.release();
-                        bridge->stop();
-                        bridge->deleteLater();
-                    }
-                });
-        QSignalSpy gone(&m_server->m_socket, &QTcpSocket::disconnected);
-        m_server->send(msg(AdbPacket::CNXN, 1, 1) + msg(AdbPacket::CNXN, 2, 2));
-        QVERIFY(gone.wait());
-        QTRY_VERIFY(!m_bridge);
-        QCOMPARE(m_device->m_sent.size(), 2);
-    }
-
     void serverWriteIsAcknowledgedLocally()
     {
         QVERIFY(startRelay());
@@ -320,7 +408,54 @@ private Q_SLOTS:
         QCOMPARE(m_server->m_received.last(), fourth);
         // None of the server's OKAYs went on to the device; only the sync markers did.
         for (qsizetype i = sentBefore; i < m_device->m_sent.size(); ++i)
-            QCOMPARE(AdbPacket::headerWord(m_device->m_sent.at(i), 0), quint32(AdbPacket::CNXN));
+            QCOMPARE(AdbPacket::headerWord(m_device->m_sent.at(i), 0), quint32(AdbPacket::AUTH));
+    }
+
+    // The forged OKAY has no receive window: at version 2 neither end may turn delayed_ack on.
+    void delayedAckRemovedFromBanners_data()
+    {
+        QTest::addColumn<QByteArray>("serverFeatures");
+        QTest::addColumn<QByteArray>("deviceFeatures");
+        QTest::addColumn<QString>("reported");
+        QTest::newRow("both") << QByteArray("shell_v2,delayed_ack,cmd") << QByteArray("delayed_ack,shell_v2")
+                              << QStringLiteral("ADB server, device");
+        QTest::newRow("device only") << QByteArray("shell_v2") << QByteArray("shell_v2,delayed_ack")
+                                     << QStringLiteral("device");
+        QTest::newRow("neither") << QByteArray("shell_v2") << QByteArray("cmd") << QString();
+    }
+    void delayedAckRemovedFromBanners()
+    {
+        QFETCH(QByteArray, serverFeatures);
+        QFETCH(QByteArray, deviceFeatures);
+        QFETCH(QString, reported);
+        QVERIFY(startRelay());
+        // Current peers leave data_check 0; so must the bridge.
+        auto banner = [](const QByteArray& features) {
+            AdbPacket packet(AdbPacket::CNXN, 0x01000001, 256 * 1024, "host::features=" + features);
+            packet.getMessage()->data_check = 0;
+            return packet.toByteArray();
+        };
+        auto expected = [this, banner](const QByteArray& features) {
+            QByteArrayList kept = features.split(',');
+            if (m_v2)
+                kept.removeAll("delayed_ack");
+            return banner(kept.join(','));
+        };
+        m_server->send(banner(serverFeatures));
+        QVERIFY(waitSent(2));
+        QCOMPARE(m_device->m_sent.last(), expected(serverFeatures));
+        m_device->deliver(banner(deviceFeatures));
+        QVERIFY(m_server->waitReceived(1));
+        QCOMPARE(m_server->m_received.last(), expected(deviceFeatures));
+
+        const QStringList lines = g_debugs.filter(QStringLiteral("delayed_ack"));
+        if (m_v2 && !reported.isEmpty())
+            QCOMPARE(
+                lines,
+                QStringList { QStringLiteral("Retain mode: removed feature delayed_ack from the CNXN of: ")
+                              + reported });
+        else
+            QCOMPARE(lines, QStringList());
     }
 
     void closeFromServerFirst()
@@ -337,22 +472,80 @@ private Q_SLOTS:
         QVERIFY(syncServerToDevice());
         QCOMPARE(m_bridge->sessionKeys(), QList<Key> { Key(11, 0) });
 
+        // The server discards writes for a stream it closed: at version 2 they are not held.
         const QByteArray close = msg(AdbPacket::CLSE, 40, 11);
         m_device->deliver(msg(AdbPacket::WRTE, 40, 11, "late") + close);
-        if (m_v2) {
-            // The queued CLSE follows the write queued before it, released by the next OKAY.
-            QVERIFY(m_server->waitReceived(3));
-            QCOMPARE(m_bridge->sessionKeys(), QList<Key> { Key(11, 0) });
-            m_server->send(msg(AdbPacket::OKAY, 11, 40));
-            QVERIFY(m_server->waitReceived(4));
-            QCOMPARE(m_server->m_received.last(), close);
-            QTRY_VERIFY(m_bridge->sessionKeys().isEmpty());
+        QVERIFY(m_server->waitReceived(m_v2 ? 3 : 4));
+        QCOMPARE(m_server->m_received.last(), close);
+        QTRY_VERIFY(m_bridge->sessionKeys().isEmpty());
+    }
+
+    // Held-back writes go with their stream or connection; none reaches a later stream.
+    void sessionsGoWithTheirConnection_data()
+    {
+        QTest::addColumn<QString>("end");
+        QTest::newRow("server closes the stream") << QStringLiteral("CLSE");
+        QTest::newRow("server starts over with CNXN") << QStringLiteral("CNXN");
+        QTest::newRow("server connection ends") << QStringLiteral("disconnect");
+    }
+    void sessionsGoWithTheirConnection()
+    {
+        QFETCH(QString, end);
+        QVERIFY(startRelay());
+        QVERIFY(openServerStream(7, 300));
+        QVERIFY(openServerStream(8, 301));
+        const QByteArray write = msg(AdbPacket::WRTE, 300, 7, QByteArray(1000, 'w'));
+        m_device->deliver(write.repeated(4));
+        QVERIFY(m_server->waitReceived(m_v2 ? 3 : 6));
+        if (m_v2)
+            QCOMPARE(m_bridge->heldForAdbServer(), 3 * write.size());
+
+        AdbServerSide* server = m_server.get();
+        std::unique_ptr<AdbServerSide> next;
+        if (end == QLatin1String("CLSE")) {
+            m_server->send(msg(AdbPacket::CLSE, 7, 300));
+        } else if (end == QLatin1String("CNXN")) {
+            m_server->send(msg(AdbPacket::CNXN, 0x01000001, 256 * 1024, "host::"));
         } else {
-            // At version 1 deletion is only attempted on the server's CLSE.
-            QVERIFY(m_server->waitReceived(4));
-            QCOMPARE(m_server->m_received.last(), close);
-            QCOMPARE(m_bridge->sessionKeys(), QList<Key> { Key(11, 0) });
+            QSignalSpy gone(m_bridge.get(), &WebSocketTcpBridge::tcpSocketDisconnected);
+            m_server->m_socket.disconnectFromHost();
+            QVERIFY(gone.wait());
+            next = std::make_unique<AdbServerSide>(m_bridge->getTcpPort());
+            server = next.get();
         }
+        QVERIFY(syncServerToDevice(server));
+        QTRY_COMPARE(m_bridge->heldForAdbServer(), 0);
+        using Key = AdbSession::Key;
+        const QList<Key> left
+            = end == QLatin1String("CLSE") ? QList<Key> { Key(7, 0), Key(8, 0) } : QList<Key> {};
+        QCOMPARE(m_bridge->sessionKeys(), left);
+        // An OKAY for the old stream releases nothing any more.
+        const qsizetype received = server->m_received.size();
+        server->send(msg(AdbPacket::OKAY, 7, 300));
+        QVERIFY(syncServerToDevice(server));
+        m_device->deliver(msg(AdbPacket::OKAY, 301, 8));
+        QVERIFY(server->waitReceived(received + 1));
+        QCOMPARE(AdbPacket::headerWord(server->m_received.last(), 0), quint32(AdbPacket::OKAY));
+    }
+
+    // At version 2 the device's CLSE waits behind its writes; the session goes at the server's CLSE.
+    void closeFromDeviceQueuedBehindWrites()
+    {
+        QVERIFY(startRelay());
+        QVERIFY(openServerStream(13, 42));
+        const QByteArrayList fromDevice { msg(AdbPacket::WRTE, 42, 13, "a"),
+                                          msg(AdbPacket::WRTE, 42, 13, "b"), msg(AdbPacket::CLSE, 42, 13) };
+        m_device->deliver(fromDevice.join());
+        for (qsizetype i = m_v2 ? 1 : fromDevice.size(); i <= fromDevice.size(); ++i) {
+            QVERIFY(m_server->waitReceived(1 + i));
+            if (i < fromDevice.size())
+                m_server->send(msg(AdbPacket::OKAY, 13, 42));
+        }
+        QCOMPARE(m_server->m_received.mid(1), fromDevice);
+        QVERIFY(syncServerToDevice());
+        QCOMPARE(m_bridge->sessionKeys(), QList<AdbSession::Key> { AdbSession::Key(13, 0) });
+        m_server->send(msg(AdbPacket::CLSE, 13, 42));
+        QTRY_VERIFY(m_bridge->sessionKeys().isEmpty());
     }
 
     void closeFromDeviceFirst()
