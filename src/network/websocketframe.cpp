@@ -15,8 +15,22 @@ int headerSizeFor(quint8 secondByte)
     return 2 + extended + ((secondByte & 0x80) ? 4 : 0);
 }
 
-QByteArray encodeHeader(WebSocketFrame::OpCode opCode, quint64 length, bool isFinal, bool masked,
-                        quint32 maskKey)
+} // namespace
+
+QWebSocketProtocol::CloseCode WebSocketFrame::closeCode() const
+{
+    if (payload.size() < 2)
+        return QWebSocketProtocol::CloseCodeNormal;
+    return QWebSocketProtocol::CloseCode(qFromBigEndian<quint16>(payload.constData()));
+}
+
+QString WebSocketFrame::closeReason() const
+{
+    return payload.size() > 2 ? QString::fromUtf8(payload.constData() + 2, payload.size() - 2) : QString();
+}
+
+QByteArray WebSocketFrame::encodeHeader(OpCode opCode, quint64 length, bool isFinal, bool masked,
+                                        quint32 maskKey)
 {
     char header[14];
     int size = 2;
@@ -38,20 +52,6 @@ QByteArray encodeHeader(WebSocketFrame::OpCode opCode, quint64 length, bool isFi
         size += 4;
     }
     return QByteArray(header, size);
-}
-
-} // namespace
-
-QWebSocketProtocol::CloseCode WebSocketFrame::closeCode() const
-{
-    if (payload.size() < 2)
-        return QWebSocketProtocol::CloseCodeNormal;
-    return QWebSocketProtocol::CloseCode(qFromBigEndian<quint16>(payload.constData()));
-}
-
-QString WebSocketFrame::closeReason() const
-{
-    return payload.size() > 2 ? QString::fromUtf8(payload.constData() + 2, payload.size() - 2) : QString();
 }
 
 QByteArray WebSocketFrame::encode(OpCode opCode, const QByteArray& payload, bool isFinal)

@@ -37,6 +37,10 @@ struct WebSocketFrame
     static QByteArray encode(OpCode opCode, const QByteArray& payload, bool isFinal = true);
     static QByteArray encodeMasked(OpCode opCode, const QByteArray& payload, quint32 maskKey,
                                    bool isFinal = true);
+    // The header alone, announcing length payload bytes that the caller writes after it (masked
+    // with maskKey when masked): for payloads produced in pieces, or never produced at all.
+    static QByteArray encodeHeader(OpCode opCode, quint64 length, bool isFinal = true, bool masked = false,
+                                   quint32 maskKey = 0);
     // A Close payload: the code in network order, then the reason cut to fit a control frame.
     static QByteArray closePayload(QWebSocketProtocol::CloseCode code, const QString& reason);
     // XORs size bytes of src into dst with the key as it stands on the wire, starting at

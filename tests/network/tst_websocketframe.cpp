@@ -102,6 +102,9 @@ private Q_SLOTS:
                                  expect(Op::Text, Op::Text, true, "") }
                 << ok;
         }
+        QTest::newRow("header alone, then its payload")
+            << WebSocketFrame::encodeHeader(Op::Binary, quint64(big.size())) + big << int(Masking::Unmasked)
+            << noLimit << QStringList { expect(Op::Binary, Op::Binary, true, big) } << ok;
         const QString first = expect(Op::Binary, Op::Binary, true, small);
         const QByteArray good = frame(Op::Binary, small);
         QTest::newRow("reserved bit after a good frame")

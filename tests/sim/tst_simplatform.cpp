@@ -63,6 +63,10 @@ QByteArray clientFrame(quint8 finAndOpcode, const QByteArray& payload, bool mask
     char bytes[8];
     if (length < 126) {
         frame.append(char(mask | char(length)));
+    } else if (length <= 0xFFFF) {
+        frame.append(char(mask | 126));
+        qToBigEndian<quint16>(quint16(length), bytes);
+        frame.append(bytes, 2);
     } else {
         frame.append(char(mask | 127));
         qToBigEndian<quint64>(length, bytes);
@@ -265,6 +269,11 @@ void TestSimPlatform::frameRules_data()
     QTest::newRow("fragments adding up to more than 16 MiB") << clientFrame(0x02, QByteArray(limit / 2, 'a'))
             + clientFrame(0x00, QByteArray(limit / 2, 'b'))
             + clientFrame(0x80, {}, true, 1) << QByteArray() << 1009;
+    // The device answers the reassembled CNXN with a binary frame, after the pong.
+    const QByteArray cnxn = adbMessage(AdbPacket::CNXN, 0x01000001, 4096, "host::");
+    QTest::newRow("fragmented message with a ping between") << clientFrame(0x02, cnxn.left(10))
+            + clientFrame(0x89, "p") + clientFrame(0x00, cnxn.mid(10, 20)) + clientFrame(0x80, cnxn.mid(30))
+                                                            << QByteArray("\x8A\x01p\x82") << 0;
     QTest::newRow("unmasked frame") << clientFrame(0x82, "abc", false) << QByteArray() << 1002;
     QTest::newRow("reserved bits") << clientFrame(0xC2, "abc") << QByteArray() << 1002;
 }

@@ -2,7 +2,6 @@
 
 #include <QElapsedTimer>
 #include <QTcpSocket>
-#include <QtEndian>
 #include <QTimer>
 
 namespace {
@@ -71,7 +70,7 @@ void WebSocketConnection::readAvailable()
     if (m_reading || m_disconnected)
         return;
     m_reading = true;
-    while (!m_readPaused && !m_disconnected && !m_reader.hasFailed() && m_socket->bytesAvailable() > 0) {
+    while (!m_readPaused && !m_disconnected && !m_reader.hasError() && m_socket->bytesAvailable() > 0) {
         qint64 budget = READ_CHUNK;
         if (m_rate > 0) {
             if (m_allowance <= 0)
@@ -81,70 +80,80 @@ void WebSocketConnection::readAvailable()
         const QByteArray chunk = m_socket->read(budget);
         if (m_rate > 0)
             m_allowance -= chunk.size();
-        m_reader.feed(chunk);
-        while (m_reader.hasEvent() && !m_disconnected)
-            handle(m_reader.takeEvent());
-        if (m_reader.hasFailed()) {
+        m_reader.append(chunk);
+        while (m_reader.frameAvailable() && !m_disconnected)
+            handle(m_reader.read());
+        if (m_reader.hasError()) {
+            const int code = m_reader.errorCloseCode();
             qWarning().noquote() << QStringLiteral("WebSocket from %1: %2, closing with %3")
                                         .arg(m_socket->peerAddress().toString(), m_reader.errorString())
-                                        .arg(m_reader.failCode());
-            close(m_reader.failCode(), m_reader.errorString());
+                                        .arg(code);
+            m_message.clear();
+            close(code, m_reader.errorString());
         }
     }
     m_reading = false;
 }
 
-void WebSocketConnection::handle(const WebSocketFrameReader::Event& event)
+void WebSocketConnection::handle(WebSocketFrame frame)
 {
-    using Opcode = WebSocketFrameReader::Opcode;
     if (m_raw || m_closeSent) {
         // Past our close frame, or inside a raw stream, only the client's close matters.
-        if (event.opcode == Opcode::Close)
+        m_message.clear();
+        if (frame.opCode == WebSocketFrame::Close)
             m_socket->disconnectFromHost();
         return;
     }
-    switch (event.opcode) {
-    case Opcode::Text:
-        Q_EMIT textMessageReceived(QString::fromUtf8(event.payload));
+    if (!frame.isControl()) {
+        // The reader has already refused a message over its limit, so what is held here stays
+        // bounded; an unfragmented message is passed on without a copy.
+        if (!frame.isFinal || !m_message.isEmpty()) {
+            m_message.append(frame.payload);
+            if (!frame.isFinal)
+                return;
+            frame.payload = std::exchange(m_message, QByteArray());
+        }
+        if (frame.messageOpCode == WebSocketFrame::Text)
+            Q_EMIT textMessageReceived(QString::fromUtf8(frame.payload));
+        else
+            Q_EMIT binaryMessageReceived(frame.payload);
+        return;
+    }
+    switch (frame.opCode) {
+    case WebSocketFrame::Ping:
+        send(WebSocketFrame::Pong, frame.payload); // RFC 6455 5.5.3: the pong echoes the ping's data
         break;
-    case Opcode::Binary:
-        Q_EMIT binaryMessageReceived(event.payload);
-        break;
-    case Opcode::Ping:
-        send(Opcode::Pong, event.payload); // RFC 6455 5.5.3: the pong echoes the ping's data
-        break;
-    case Opcode::Close:
-        m_closeCode = event.payload.size() >= 2
-            ? qFromBigEndian<quint16>(reinterpret_cast<const uchar*>(event.payload.constData()))
-            : 1005;
-        m_closeReason = QString::fromUtf8(event.payload.mid(2));
+    case WebSocketFrame::Close:
+        // RFC 6455 7.1.5: a close without a status code counts as 1005.
+        m_closeCode = frame.payload.size() >= 2 ? int(frame.closeCode())
+                                                : int(QWebSocketProtocol::CloseCodeMissingStatusCode);
+        m_closeReason = frame.closeReason();
         // RFC 6455 5.5.1: answer with a close echoing the code; the server then ends TCP.
         setSendPaused(false);
-        send(Opcode::Close, event.payload.left(2));
+        send(WebSocketFrame::Close, frame.payload.left(2));
         m_closeSent = true;
         m_socket->disconnectFromHost();
         break;
-    case Opcode::Pong:
-    case Opcode::Continuation:
+    default: // pongs: the simulator sends no pings of its own
         break;
     }
 }
 
 void WebSocketConnection::sendTextMessage(const QString& message)
 {
-    send(WebSocketFrameReader::Opcode::Text, message.toUtf8());
+    send(WebSocketFrame::Text, message.toUtf8());
 }
 
 void WebSocketConnection::sendBinaryMessage(const QByteArray& message)
 {
-    send(WebSocketFrameReader::Opcode::Binary, message);
+    send(WebSocketFrame::Binary, message);
 }
 
-void WebSocketConnection::send(WebSocketFrameReader::Opcode opcode, const QByteArray& payload)
+void WebSocketConnection::send(WebSocketFrame::OpCode opCode, const QByteArray& payload)
 {
     if (m_disconnected || m_raw || m_closeSent)
         return;
-    const QByteArray frame = encodeWebSocketFrame(opcode, payload);
+    const QByteArray frame = WebSocketFrame::encode(opCode, payload);
     if (m_sendPaused) {
         m_held.append(frame);
         m_heldBytes += frame.size();
@@ -180,7 +189,7 @@ void WebSocketConnection::close(int code, const QString& reason)
         return;
     }
     setSendPaused(false);
-    send(WebSocketFrameReader::Opcode::Close, webSocketClosePayload(code, reason));
+    send(WebSocketFrame::Close, WebSocketFrame::closePayload(QWebSocketProtocol::CloseCode(code), reason));
     m_closeSent = true;
     m_closeTimer->start();
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "websocketframereader.h"
+#include "network/websocketframe.h"
 
 #include <QByteArrayList>
 #include <QObject>
@@ -13,7 +13,8 @@ class QTimer;
 // The server's end of one WebSocket after the HTTP upgrade, over a QTcpSocket (or QSslSocket).
 // Unlike QWebSocket it can stop reading (so TCP pushes back on the client), read at a set rate,
 // hold what it sends, and put arbitrary bytes on the wire: what a misbehaving cloud needs.
-// Pings are answered with pongs; an incoming frame or message over the limit closes with 1009.
+// Pings are answered with pongs; an incoming frame or message over the limit closes with 1009, an
+// unmasked or otherwise malformed frame with 1002.
 class WebSocketConnection : public QObject
 {
     Q_OBJECT
@@ -63,13 +64,15 @@ private Q_SLOTS:
     void refill();
 
 private:
-    void send(WebSocketFrameReader::Opcode opcode, const QByteArray& payload);
-    void handle(const WebSocketFrameReader::Event& event);
+    void send(WebSocketFrame::OpCode opCode, const QByteArray& payload);
+    void handle(WebSocketFrame frame);
     void writeFrame(const QByteArray& frame);
     void updateReadBuffer();
 
     QTcpSocket* m_socket;
-    WebSocketFrameReader m_reader;
+    // rfc6455 5.1: a client masks every frame; the reader also bounds frames and messages.
+    WebSocketFrameReader m_reader { WebSocketFrameReader::Masking::Masked };
+    QByteArray m_message; // the fragments of the data message under way
     QTimer* m_throttle;
     QTimer* m_closeTimer;
     qint64 m_rate = 0;

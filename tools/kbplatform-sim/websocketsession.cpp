@@ -7,6 +7,7 @@
 #include "websocketconnection.h"
 
 #include "adbprotocol/AdbPacket.h"
+#include "network/websocketframe.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -26,14 +27,13 @@ constexpr qint64 OVERSIZED_LENGTH = 512LL * 1024 * 1024;
 std::function<QByteArray()> rawStream(SessionHost::CloudFault::Mode mode)
 {
     using Mode = SessionHost::CloudFault::Mode;
-    using Opcode = WebSocketFrameReader::Opcode;
     const QByteArray filler(WebSocketConnection::RAW_CHUNK, 'k');
     switch (mode) {
     case Mode::OversizedFrame:
         return [filler, sent = qint64(-1)]() mutable {
             if (sent < 0) {
                 sent = 0;
-                return encodeWebSocketHeader(Opcode::Binary, OVERSIZED_LENGTH);
+                return WebSocketFrame::encodeHeader(WebSocketFrame::Binary, OVERSIZED_LENGTH);
             }
             const qint64 size = qMin<qint64>(filler.size(), OVERSIZED_LENGTH - sent);
             sent += size;
@@ -41,8 +41,9 @@ std::function<QByteArray()> rawStream(SessionHost::CloudFault::Mode mode)
         };
     case Mode::EndlessFragments:
         return [filler, first = true]() mutable {
-            const Opcode opcode = std::exchange(first, false) ? Opcode::Binary : Opcode::Continuation;
-            return encodeWebSocketFrame(opcode, filler, false);
+            const auto opCode
+                = std::exchange(first, false) ? WebSocketFrame::Binary : WebSocketFrame::Continuation;
+            return WebSocketFrame::encode(opCode, filler, false);
         };
     case Mode::Garbage:
         return [first = true]() mutable {
