@@ -23,13 +23,17 @@ import csv
 import http.server
 import json
 import os
+import pty
+import select
 import shutil
 import signal
 import socket
+import socketserver
 import statistics
 import subprocess
 import sys
 import tempfile
+import termios
 import threading
 import time
 import urllib.error
@@ -417,6 +421,92 @@ def direct_connect(bench, port):
     return serial
 
 
+def p90(values):
+    return sorted(values)[len(values) * 9 // 10] if values else float("nan")
+
+
+class PtyShell:
+    """`adb shell` on a pseudo-terminal, as a user at a terminal runs it: the adb client puts the
+    terminal in raw mode and asks the device for a pty, whose line discipline echoes each key."""
+
+    def __init__(self, bench, serial):
+        master, slave = pty.openpty()
+        env = dict(bench.env, TERM="dumb")
+        self.p = subprocess.Popen([ADB, "-s", serial, "shell"], env=env, stdin=slave, stdout=slave,
+                                  stderr=slave, start_new_session=True)
+        os.close(slave)
+        self.fd = master
+        # Keys typed before the shell starts are echoed and then dropped: wait for a prompt, then
+        # for a command's output, so that the echo timed below comes from a settled shell (the
+        # quotes keep the echoed command line from matching).
+        self.read_until((b"$ ", b"# "), 30)
+        os.write(self.fd, b"echo KB''READY\r")
+        self.read_until((b"KBREADY",), 30)
+        if termios.tcgetattr(self.fd)[3] & termios.ECHO:  # our side would echo: nothing to time
+            raise RuntimeError("adb shell left the local terminal echoing")
+
+    def read_until(self, needles, timeout):
+        seen, end = b"", time.monotonic() + timeout
+        while not any(n in seen for n in needles):
+            left = end - time.monotonic()
+            if left <= 0 or not select.select([self.fd], [], [], left)[0]:
+                raise RuntimeError(f"adb shell: no {needles!r} in {seen[-200:]!r}")
+            seen += os.read(self.fd, 4096)
+        return seen
+
+    def keystroke(self):
+        while select.select([self.fd], [], [], 0)[0]:  # nothing left over from the last key
+            os.read(self.fd, 4096)
+        t0 = time.monotonic()
+        os.write(self.fd, b"k")
+        self.read_until((b"k",), 10)
+        return time.monotonic() - t0
+
+    def close(self):
+        try:
+            os.write(self.fd, b"\x15exit\r")  # ^U drops the keys typed so far
+            self.p.wait(10)
+        except (OSError, subprocess.TimeoutExpired):
+            self.p.kill()
+            self.p.wait()
+        os.close(self.fd)
+
+
+class EchoServer:
+    """A loopback TCP echo server for `adb forward` to reach through the device."""
+
+    def __init__(self):
+        class Handler(socketserver.BaseRequestHandler):
+            def handle(self):
+                self.request.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+                while data := self.request.recv(65536):
+                    self.request.sendall(data)
+
+        self.server = socketserver.ThreadingTCPServer(("127.0.0.1", 0), Handler)
+        self.server.daemon_threads = True
+        self.port = self.server.server_address[1]
+        threading.Thread(target=self.server.serve_forever, daemon=True).start()
+
+    def stop(self):
+        self.server.shutdown()
+        self.server.server_close()
+
+
+def forward_roundtrip(port, payload):
+    """Connects to a forwarded port, sends payload, reads its echo and closes; returns the time."""
+    t0 = time.monotonic()
+    with socket.create_connection(("127.0.0.1", port), timeout=10) as s:
+        s.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        s.sendall(payload)
+        got = 0
+        while got < len(payload):
+            chunk = s.recv(65536)
+            if not chunk:
+                raise RuntimeError(f"forward to {port}: closed after {got} bytes")
+            got += len(chunk)
+    return time.monotonic() - t0
+
+
 # ---------------------------------------------------------------------------------------------
 # Measurements
 
@@ -659,6 +749,72 @@ plot '{dat}' using 1:2 with linespoints lw 2 pt 7 lc 1 title 'tunnel v2', \
                 self.goal(f"{label}, {rtt} ms: v2 / v1", f"{v2:.2f} / {v1:.2f} s: {v2 / v1:.2f}x",
                           f"<= {limit}x", v2 / v1 <= limit)
 
+    # -- 2c. interactive latency -----------------------------------------------------------------
+
+    def daemon_memory(self):
+        """{"v2": (VmRSS, VmHWM), "v1": ...} of the tunnel daemons, in bytes."""
+        return {name: (rss_and_threads(d.pid)[0], peak_rss(d.pid)) for name, d in (("v2", self.d2), ("v1", self.d1))}
+
+    def latency_report(self, what, res):
+        for path, times in res.items():
+            self.record("latency", what=what, path=path, n=len(times), median_ms=round(median(times) * 1000, 3),
+                        p90_ms=round(p90(times) * 1000, 3))
+        mem = self.daemon_memory()
+        for v in ("v2", "v1"):
+            d_med = (median(res[v]) - median(res["direct"])) * 1000
+            d_p90 = (p90(res[v]) - p90(res["direct"])) * 1000
+            self.goal(f"{what}, 0 ms: {v} - direct", f"{d_med:+.2f} ms (p90 {d_p90:+.2f}), "
+                      f"peak RSS {mem[v][1] / MIB:.1f} MiB", "<= 3 ms", d_med <= 3)
+        log(f"{what}: " + ", ".join(f"{p} {median(t) * 1000:.2f} / p90 {p90(t) * 1000:.2f} ms" for p, t in res.items()))
+
+    def bench_latency(self):
+        """What an interactive user feels at 0 ms: a keystroke's echo in `adb shell` on a terminal,
+        and short connections through `adb forward`."""
+        self.set_link(0, 0)
+        self.latency_keystrokes(self.args.latency_keys)
+        self.latency_forward(self.args.latency_conns)
+
+    def latency_keystrokes(self, n):
+        shells = {path: PtyShell(self.bench, serial) for path, serial in self.paths()}
+        res = {path: [] for path in shells}
+        try:
+            # interleaved in blocks of 10 so that a burst of machine noise hits every path alike
+            for block in range(0, n, 10):
+                for path, sh in shells.items():
+                    res[path].extend(sh.keystroke() for _ in range(min(10, n - block)))
+        finally:
+            for sh in shells.values():
+                sh.close()
+        self.latency_report("keystroke echo", res)
+
+    def latency_forward(self, n):
+        b = self.bench
+        echo = EchoServer()
+        payload = os.urandom(1024)
+        forwards = {}
+        try:
+            for path, serial in self.paths():
+                port = free_port()
+                b.adb("-s", serial, "forward", f"tcp:{port}", f"tcp:{echo.port}")
+                forwards[path] = (serial, port)
+                forward_roundtrip(port, payload)  # the first connection pays for the device side's set-up
+            before = self.daemon_memory()
+            res = {path: [] for path in forwards}
+            for block in range(0, n, 10):
+                for path, (_, port) in forwards.items():
+                    res[path].extend(forward_roundtrip(port, payload) for _ in range(min(10, n - block)))
+            after = self.daemon_memory()
+        finally:
+            for serial, port in forwards.values():
+                b.adb("-s", serial, "forward", "--remove", f"tcp:{port}", check=False)
+            echo.stop()
+        self.latency_report("forward 1 KiB echo", res)
+        for v in ("v2", "v1"):
+            self.record("latency_memory", daemon=v, rss_before_mib=round(before[v][0] / MIB, 2),
+                        rss_after_mib=round(after[v][0] / MIB, 2), peak_rss_mib=round(after[v][1] / MIB, 2))
+            self.goal(f"forward loop, {v}: RSS before / after / peak",
+                      f"{before[v][0] / MIB:.1f} / {after[v][0] / MIB:.1f} / {after[v][1] / MIB:.1f} MiB", "", None)
+
     # -- 3. connect time -------------------------------------------------------------------------
 
     def bench_connect(self):
@@ -850,9 +1006,10 @@ plot '{dat}' using 1:2 with linespoints lw 2 pt 7 title 'resident memory per idl
 
     def print_table(self):
         w = max(len(s[0]) for s in self.summary) if self.summary else 10
-        lines = [f"{'figure':<{w}}  {'measured':<34} {'goal':<16} verdict", "-" * (w + 62)]
+        v = max([34] + [len(s[1]) for s in self.summary])
+        lines = [f"{'figure':<{w}}  {'measured':<{v}} {'goal':<16} verdict", "-" * (w + v + 28)]
         for figure, value, goal, verdict in self.summary:
-            lines.append(f"{figure:<{w}}  {value:<34} {goal:<16} {verdict}")
+            lines.append(f"{figure:<{w}}  {value:<{v}} {goal:<16} {verdict}")
         text = "\n".join(lines)
         with open(os.path.join(self.out, "summary.txt"), "w") as f:
             f.write(text + "\n")
@@ -861,7 +1018,7 @@ plot '{dat}' using 1:2 with linespoints lw 2 pt 7 title 'resident memory per idl
             wr.writerow(["figure", "measured", "goal", "verdict"])
             wr.writerows(self.summary)
         print(text)
-        for name in ("bulk_median", "small_median", "peak_rss", "shell_median", "connect_median", "roundtrip", "cpu_median", "scale"):
+        for name in ("bulk_median", "small_median", "latency", "latency_memory", "peak_rss", "shell_median", "connect_median", "roundtrip", "cpu_median", "scale"):
             if name in self.rows:
                 print(f"\n{name}:")
                 rows = self.rows[name]
@@ -886,8 +1043,8 @@ def main():
     p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     p.add_argument("--quick", action="store_true", help="1 repetition, 16 MiB transfers, 0 and 50 ms, "
                    "20 shell runs, scale 1/10/50")
-    p.add_argument("--only", default="bulk,small,shell,connect,roundtrip,cpu,scale",
-                   help="comma-separated subset of bulk,small,shell,connect,roundtrip,cpu,scale")
+    p.add_argument("--only", default="bulk,small,latency,shell,connect,roundtrip,cpu,scale",
+                   help="comma-separated subset of bulk,small,latency,shell,connect,roundtrip,cpu,scale")
     p.add_argument("--reps", type=int, help="repetitions of each transfer (default 3)")
     p.add_argument("--size-mib", type=int, help="size of one push or pull (default 64)")
     p.add_argument("--shell-count", type=int, help="runs of `adb shell true` per path (default 50)")
@@ -902,6 +1059,8 @@ def main():
     args.shell_count = args.shell_count or (20 if q else 50)
     args.small_files = 200
     args.small_shells = 30
+    args.latency_keys = 50
+    args.latency_conns = 200
     args.connect_reps = 2 if q else 5
     args.scale = [int(x) for x in (args.scale or ("1,10,50" if q else "1,10,50,100")).split(",")]
     args.scale_total_mib = 64 if q else 256
@@ -916,9 +1075,9 @@ def main():
     suite = Suite(bench, args)
     signal.signal(signal.SIGTERM, lambda *a: sys.exit(1))
     try:
-        if only & {"bulk", "small", "shell", "connect", "roundtrip", "cpu"}:
+        if only & {"bulk", "small", "latency", "shell", "connect", "roundtrip", "cpu"}:
             suite.setup_main()
-        for name in ("bulk", "small", "shell", "connect", "roundtrip", "cpu", "scale"):
+        for name in ("bulk", "small", "latency", "shell", "connect", "roundtrip", "cpu", "scale"):
             if name in only:
                 log(f"== {name}")
                 getattr(suite, "bench_" + name)()
