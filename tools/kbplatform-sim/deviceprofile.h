@@ -10,14 +10,10 @@ enum class DeviceDialect { Modern, Legacy };
 // What makes one emulated device: its files, its shell environment and its CNXN banner.
 struct DeviceProfile
 {
-    // The simulator's command line picks one dialect for all its devices; set before any profile
-    // is made.
-    static inline DeviceDialect defaultDialect = DeviceDialect::Modern;
-
     QString sandboxDir; // the device's "/"
     QString binDir; // prepended to PATH in shells (holds getprop)
     QByteArray banner; // its "features=" part is the dialect's, whatever it says here
-    DeviceDialect dialect = defaultDialect;
+    DeviceDialect dialect = DeviceDialect::Modern;
 
     static QByteArray features(DeviceDialect dialect);
     // The banner with the dialect's features.

@@ -43,7 +43,6 @@ PlatformSimulator::PlatformSimulator(const SimConfig& config, QObject* parent)
     , m_log(new RequestLog(this))
     , m_server(new PlatformHttpServer(this))
 {
-    DeviceProfile::defaultDialect = m_config.deviceDialect;
     if (m_config.apiToken.isEmpty())
         m_config.apiToken = QStringLiteral("kbsim-api-") + randomSecret();
     if (m_config.password.isEmpty())
@@ -132,6 +131,7 @@ bool PlatformSimulator::start(QString* error)
         settings.deviceHost = m_config.deviceHost;
         settings.devicePort = m_config.devicePort;
         settings.rttMs = m_config.rttMs;
+        settings.deviceDialect = m_config.deviceDialect;
         settings.bandwidthKbps = m_config.bandwidthKbps;
         auto* instance = new SimInstance(settings, m_faults, m_log, this);
         m_instances.append(instance);

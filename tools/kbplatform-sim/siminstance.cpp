@@ -58,9 +58,8 @@ SimInstance::SimInstance(const Settings& settings, FaultInjector* faults, Reques
                 banner += name + '=' + value + ';';
         }
     }
-    // Kept short on purpose: without shell_v2, stat_v2 or ls_v2 the host uses plain "shell:"
-    // and the classic sync requests; fixed_push_mkdir because SEND creates missing directories.
-    banner += "features=fixed_push_mkdir";
+    banner += "features=" + DeviceProfile::features(settings.deviceDialect);
+    m_profile.dialect = settings.deviceDialect;
     m_profile.sandboxDir = settings.sandboxDir;
     m_profile.binDir = settings.supportDir + QStringLiteral("/bin");
     m_profile.banner = banner;

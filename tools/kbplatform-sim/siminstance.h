@@ -37,6 +37,7 @@ public:
         quint16 devicePort = 0;
         int rttMs = 0;
         qint64 bandwidthKbps = 0;
+        DeviceDialect deviceDialect = DeviceDialect::Modern;
     };
 
     static constexpr int MAX_ACCESS_TOKENS = 256;
