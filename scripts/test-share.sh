@@ -1,6 +1,7 @@
 #!/bin/sh
 # Prints how much of the code base is test code. A line counts when it is neither blank nor a
-# whole-line // comment, in the .cpp and .h files git tracks.
+# whole-line comment, in the C++, Python and shell files git tracks (the scripted ADB host and
+# the user-docs check are test code as much as the Qt tests are).
 #   product: src/ (the program) and tools/ (the platform simulator the tests and demo run on)
 #   tests:   tests/
 #   neither: fuzz/ and bench/ - harnesses run on demand, outside the test suite; they find and
@@ -13,8 +14,11 @@ check=0
 cd "$(dirname "$0")/.."
 
 count() {
-    git ls-files -- "$@" | grep -E '\.(cpp|h)$' | tr '\n' '\0' | xargs -0 -r cat \
-        | grep -cvE '^[[:space:]]*(//.*)?$' || true
+    cpp=$(git ls-files -- "$@" | grep -E '\.(cpp|h)$' | tr '\n' '\0' | xargs -0 -r cat \
+        | grep -cvE '^[[:space:]]*(//.*)?$' || true)
+    scripts=$(git ls-files -- "$@" | grep -E '\.(py|sh)$' | tr '\n' '\0' | xargs -0 -r cat \
+        | grep -cvE '^[[:space:]]*(#.*)?$' || true)
+    echo $((cpp + scripts))
 }
 
 src=$(count src)
