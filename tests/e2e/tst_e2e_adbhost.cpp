@@ -44,11 +44,7 @@ private Q_SLOTS:
             fixture.writeConfig(
                 { { QStringLiteral("android-sdk-path"), fixture.path(QStringLiteral("sdk")) } });
             fixture.useApiToken();
-            const QString uuid = fixture.instanceUuid();
-            QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-            const QString serial = fixture.waitForState(uuid, QStringLiteral("CONNECTED"))
-                                       .value(QStringLiteral("adb_serial"))
-                                       .toString();
+            const QString serial = fixture.connectInstance(fixture.instanceUuid());
             QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
             target = QStringLiteral("127.0.0.1:") + serial.section(QLatin1Char(':'), -1);
         }

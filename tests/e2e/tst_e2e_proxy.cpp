@@ -17,12 +17,7 @@ struct Proxy
     quint16 port = 0;
     QString logPath;
 
-    QByteArray log() const
-    {
-        QFile file(logPath);
-        file.open(QIODevice::ReadOnly);
-        return file.readAll();
-    }
+    QByteArray log() const { return TestKit::readFile(logPath); }
 };
 
 bool waitForListener(quint16 port)
@@ -147,15 +142,6 @@ quint16 platformPort(const E2eFixture& fixture)
     return quint16(QUrl(fixture.ready().value(QStringLiteral("base_url")).toString()).port());
 }
 
-QString connectAndWait(E2eFixture& fixture, const QString& uuid)
-{
-    if (fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode != 0)
-        return {};
-    return fixture.waitForState(uuid, QStringLiteral("CONNECTED"), 60000)
-        .value(QStringLiteral("adb_serial"))
-        .toString();
-}
-
 } // namespace
 
 class TestE2eProxy : public QObject
@@ -206,7 +192,7 @@ private Q_SLOTS:
         fixture.writeConfig({ { QStringLiteral("proxy"), url } });
 
         const QString uuid = fixture.instanceUuid();
-        const QString serial = connectAndWait(fixture, uuid);
+        const QString serial = fixture.connectInstance(uuid);
         QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
         QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("getdaemoninfo") })
                      .json()
@@ -251,7 +237,7 @@ private Q_SLOTS:
         QVERIFY(fixture.startSimulator());
         fixture.useApiToken();
         fixture.writeConfig({ { QStringLiteral("proxy"), QStringLiteral("http://proxy host:3128") } });
-        const QString serial = connectAndWait(fixture, fixture.instanceUuid());
+        const QString serial = fixture.connectInstance(fixture.instanceUuid());
         QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
         QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("getdaemoninfo") })
                      .json()

@@ -32,15 +32,9 @@ private Q_SLOTS:
         fixture.setEnv(QStringLiteral("QT_LOGGING_RULES"), QStringLiteral("*=true"));
         const QString uuid = fixture.instanceUuid();
 
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        const QString serial = fixture.waitForState(uuid, QStringLiteral("CONNECTED"))
-                                   .value(QStringLiteral("adb_serial"))
-                                   .toString();
+        const QString serial = fixture.connectInstance(uuid);
         QVERIFY(!serial.isEmpty());
-        QCOMPARE(
-            fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"), QStringLiteral("echo hi") })
-                .out,
-            QByteArray("hi\n"));
+        QCOMPARE(fixture.shell(serial, QStringLiteral("echo hi")), QByteArray("hi\n"));
         if (!apiToken) {
             // An expired session and a dropped WebSocket: the restarted tunnel logs in again.
             QCOMPARE(fixture.admin(QStringLiteral("expire-sessions")), 200);

@@ -43,10 +43,7 @@ private Q_SLOTS:
         QVERIFY(fixture.startSimulator({ QStringLiteral("--rtt-ms"), QString::number(rttMs),
                                          QStringLiteral("--device-profile"), profile }));
         fixture.useApiToken();
-        const QString uuid = fixture.instanceUuid();
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        const QJsonObject entry = fixture.waitForState(uuid, QStringLiteral("CONNECTED"));
-        const QString serial = entry.value(QStringLiteral("adb_serial")).toString();
+        const QString serial = fixture.connectInstance(fixture.instanceUuid());
         QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
 
         for (const qint64 size : sizes) {
@@ -87,11 +84,7 @@ private Q_SLOTS:
         fixture.setEnv(QStringLiteral("KB_ADBTUNNEL_VERSION"), QString::number(version));
         QVERIFY(fixture.startSimulator());
         fixture.useApiToken();
-        const QString uuid = fixture.instanceUuid();
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        const QString serial = fixture.waitForState(uuid, QStringLiteral("CONNECTED"))
-                                   .value(QStringLiteral("adb_serial"))
-                                   .toString();
+        const QString serial = fixture.connectInstance(fixture.instanceUuid());
         QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
         const auto adb = [&](const QStringList& arguments) {
             return fixture.adb(QStringList { QStringLiteral("-s"), serial } + arguments);

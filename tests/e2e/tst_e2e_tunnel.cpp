@@ -26,17 +26,13 @@ private:
         if (!fixture.startSimulator())
             return {};
         fixture.useApiToken();
-        if (fixture.kbadbtunneld({ QStringLiteral("connect"), fixture.instanceUuid() }).exitCode != 0)
-            return {};
-        return serialOf(fixture.waitForState(fixture.instanceUuid(), QStringLiteral("CONNECTED")));
+        return fixture.connectInstance(fixture.instanceUuid());
     }
 
     static void checkShell(const E2eFixture& fixture, const QString& serial)
     {
-        const E2eFixture::Result result = fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"),
-                                                        QStringLiteral("echo hello; echo $((6*7))") });
-        QCOMPARE(result.exitCode, 0);
-        QCOMPARE(result.out, QByteArray("hello\n42\n"));
+        QCOMPARE(fixture.shell(serial, QStringLiteral("echo hello; echo $((6*7))")),
+                 QByteArray("hello\n42\n"));
     }
 
 private Q_SLOTS:

@@ -1,17 +1,19 @@
 // The emulated device on its raw TCP port, driven by the real adb: the modern profile, and the
 // legacy one for the cases whose dialect differs.
 
-#include "simprocess.h"
+#include "testkit.h"
 
 #include "adbprotocol/AdbPacket.h"
 #include "adbprotocol/PacketReader.h"
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QRandomGenerator>
 #include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtEndian>
 #include <QTest>
@@ -67,11 +69,6 @@ private:
         const AdbResult waited
             = m_adb->run({ QStringLiteral("-s"), serial, QStringLiteral("wait-for-device") }, 60000);
         return waited.exitCode == 0 ? serial : QString();
-    }
-    static QByteArray readFile(const QString& path)
-    {
-        QFile file(path);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(unreadable)");
     }
     static void writeFile(const QString& path, const QByteArray& data)
     {
@@ -184,7 +181,7 @@ void TestSimDevice::commandInput()
     QProcess process;
     process.setProcessEnvironment(m_adb->environment());
     process.setStandardInputFile(local);
-    process.start(QStringLiteral(KB_ADB_PATH),
+    process.start(TestKit::adbPath(),
                   { QStringLiteral("-s"), m_serial, service, QStringLiteral("cat > ") + remote });
     QVERIFY(process.waitForFinished(60000));
     QCOMPARE(process.exitCode(), 0);
@@ -240,7 +237,7 @@ void TestSimDevice::interactiveShell()
         ::dup2(slave, STDOUT_FILENO);
         ::dup2(slave, STDERR_FILENO);
     });
-    process.start(QStringLiteral(KB_ADB_PATH), { QStringLiteral("-s"), m_serial, QStringLiteral("shell") });
+    process.start(TestKit::adbPath(), { QStringLiteral("-s"), m_serial, QStringLiteral("shell") });
     ::close(slave);
     const auto killAdb = qScopeGuard([&process] {
         process.kill();
@@ -324,7 +321,7 @@ void TestSimDevice::forwardAndReverse()
         const QByteArray rule = QStringLiteral("tcp:%1 %2").arg(entry).arg(target).toUtf8();
         QVERIFY(adb({ QStringLiteral("reverse"), QStringLiteral("--list") }).out.contains(rule));
     } else {
-        entry = freeLoopbackPort();
+        entry = TestKit::freeLoopbackPort();
         const AdbResult set = adb({ QStringLiteral("forward"), QStringLiteral("tcp:%1").arg(entry), target });
         QVERIFY2(set.exitCode == 0, set.out + set.err);
     }
@@ -447,12 +444,12 @@ void TestSimDevice::pushPull()
     const AdbResult pushed = adb({ QStringLiteral("push"), local, remote }, legacy);
     QVERIFY2(pushed.exitCode == 0, pushed.out + pushed.err);
     if (!legacy)
-        QVERIFY(readFile(m_deviceRoot + remote) == data);
+        QVERIFY(TestKit::readFile(m_deviceRoot + remote) == data);
 
     const QString back = m_work.filePath(QStringLiteral("pull.bin"));
     const AdbResult pulled = adb({ QStringLiteral("pull"), remote, back }, legacy);
     QVERIFY2(pulled.exitCode == 0, pulled.out + pulled.err);
-    QVERIFY(readFile(back) == data);
+    QVERIFY(TestKit::readFile(back) == data);
 }
 
 void TestSimDevice::sandboxEscape_data()
@@ -554,11 +551,8 @@ void TestSimDevice::relayToTcpDevice()
     QVERIFY2(relay.start({ QStringLiteral("--device"), QStringLiteral("tcp:127.0.0.1:%1").arg(m_devicePort) },
                          &error),
              qPrintable(error));
-    const QString serial
-        = QStringLiteral("127.0.0.1:%1").arg(relay.instance().value(QStringLiteral("device_port")).toInt());
-    QVERIFY(m_adb->run({ QStringLiteral("connect"), serial }).out.contains("connected to"));
-    QCOMPARE(m_adb->run({ QStringLiteral("-s"), serial, QStringLiteral("wait-for-device") }, 60000).exitCode,
-             0);
+    const QString serial = connectDevice(relay);
+    QVERIFY(!serial.isEmpty());
     const AdbResult result = m_adb->run(
         { QStringLiteral("-s"), serial, QStringLiteral("shell"), QStringLiteral("getprop ro.serialno") });
     QCOMPARE(result.out, m_sim.instance().value(QStringLiteral("uuid")).toString().toUtf8() + '\n');

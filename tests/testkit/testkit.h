@@ -1,21 +1,60 @@
 #pragma once
 
-// What the tests that run real programs share: free loopback ports, checksums, the platform
-// simulator as a process, and the real adb on a server of the test's own (never the user's 5037,
-// never the user's ~/.android).
+// What the tests that run real programs share: free loopback ports, checksums, a process runner,
+// the daemon's log, HTTP calls, a self-signed certificate, the platform simulator as a process,
+// and the real adb on a server of the test's own (never the user's 5037, never ~/.android).
 
 #include <QJsonObject>
+#include <QNetworkReply>
 #include <QProcess>
 #include <QStringList>
 #include <QTemporaryDir>
+
+// What a program run to its end left behind. exitCode is -1 when it crashed or was killed for
+// overrunning its time.
+struct RunResult
+{
+    int exitCode = -1;
+    QProcess::ExitStatus exitStatus = QProcess::NormalExit;
+    bool finished = false;
+    QByteArray out;
+    QByteArray err;
+    QJsonObject json() const;
+    QJsonObject errorJson() const;
+};
+using AdbResult = RunResult;
+
+struct HttpResult
+{
+    int status = 0;
+    QNetworkReply::NetworkError error = QNetworkReply::NoError;
+    QByteArray body;
+    QJsonObject json() const;
+};
 
 namespace TestKit {
 // A loopback port that was free a moment ago.
 quint16 freeLoopbackPort();
 // SHA-256 of a file's content, in hex; empty when the file cannot be read.
 QByteArray sha256(const QString& file);
+// A file's content; empty when it cannot be read.
+QByteArray readFile(const QString& path);
 // Debian's adb.
 QString adbPath();
+// Runs program to its end (killed after timeoutMs).
+RunResult run(const QString& program, const QStringList& arguments, const QProcessEnvironment& env,
+              int timeoutMs = 60000);
+// The pids of every kbadbtunneld that logged its start in log, oldest first.
+QList<qint64> daemonPids(const QByteArray& log);
+bool processAlive(qint64 pid);
+// SIGKILL to every daemon of log that still runs: a test's last resort after "stop".
+void killDaemons(const QByteArray& log);
+// One HTTP request, never through a proxy; status 0 when no answer came.
+HttpResult http(const QByteArray& verb, const QUrl& url, const QByteArray& body = QByteArray(),
+                const QByteArray& apiToken = QByteArray(), int timeoutMs = 0);
+// dir/cert.pem and dir/key.pem: an EC certificate for 127.0.0.1 and localhost, valid two days.
+// Empty on success, else what openssl said.
+QString makeSelfSignedCertificate(const QString& dir);
 } // namespace TestKit
 
 // kbplatform-sim as a child process; the destructor stops it.
@@ -40,13 +79,6 @@ public:
 private:
     QProcess m_process;
     QString m_logFile;
-};
-
-struct AdbResult
-{
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
 };
 
 // The real adb, always on a server port of the test's own and with its keys in a private home
