@@ -9,31 +9,13 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
-#include <QtEndian>
 #include <QtTest>
 
 #include <csignal>
 #include <sys/stat.h>
 
-namespace {
-
+using TestKit::localFrame;
 using TestKit::processAlive;
-
-QByteArray frame(const QByteArray& payload)
-{
-    QByteArray bytes(8, '\0');
-    qToBigEndian<qint32>(qint32(payload.size() + 4), bytes.data());
-    qToBigEndian<quint32>(quint32(payload.size()), bytes.data() + 4);
-    return bytes + payload;
-}
-
-int modeOf(const QString& path)
-{
-    struct stat info = {};
-    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
-}
-
-} // namespace
 
 class TestCli : public QObject
 {
@@ -180,7 +162,7 @@ private Q_SLOTS:
         QLocalSocket garbage;
         garbage.connectToServer(socketPath());
         QVERIFY(garbage.waitForConnected(2000));
-        garbage.write(frame("this is not json"));
+        garbage.write(localFrame("this is not json"));
         garbage.waitForBytesWritten(1000);
         QTRY_VERIFY(log().contains(QLatin1String("Invalid json received:")));
         QCOMPARE(run({ QStringLiteral("getinstances") }).exitCode, 0);
@@ -213,10 +195,10 @@ private Q_SLOTS:
         ::umask(savedUmask);
         QCOMPARE(result.exitCode, 0);
 
-        QCOMPARE(modeOf(home), homeExists ? 0777 : 0700);
-        QCOMPARE(modeOf(home + QStringLiteral("/tmp")), 0700);
-        QCOMPARE(modeOf(home + QStringLiteral("/kbadbtunneld.log")), 0600);
-        QCOMPARE(modeOf(socketPath()) & 0777, 0700);
+        QCOMPARE(TestKit::fileMode(home), homeExists ? 0777 : 0700);
+        QCOMPARE(TestKit::fileMode(home + QStringLiteral("/tmp")), 0700);
+        QCOMPARE(TestKit::fileMode(home + QStringLiteral("/kbadbtunneld.log")), 0600);
+        QCOMPARE(TestKit::fileMode(socketPath()) & 0777, 0700);
         QCOMPARE(log().contains(QStringLiteral("%1 is writable by other users of this machine").arg(home)),
                  homeExists);
         // The socket's mode is what keeps others out; its owner still gets in.
@@ -275,10 +257,10 @@ private Q_SLOTS:
         QTest::addColumn<QString>("command");
         QTest::addColumn<QByteArray>("reply");
         QTest::addColumn<QString>("message");
-        QTest::newRow("reply not json") << "getinstances" << frame("{broken") << "Invalid response";
+        QTest::newRow("reply not json") << "getinstances" << localFrame("{broken") << "Invalid response";
         QTest::newRow("connection closed") << "getdaemoninfo" << QByteArray() << "Invalid response";
         QTest::newRow("daemon will not stop")
-            << "stop" << frame("{\"reply\":true}") << "Failed to stop 'kbadbtunneld'.";
+            << "stop" << localFrame("{\"reply\":true}") << "Failed to stop 'kbadbtunneld'.";
     }
 
     // A stand-in daemon on the socket gives the answers a real one never would.

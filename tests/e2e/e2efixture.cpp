@@ -121,9 +121,7 @@ void E2eFixture::writeConfig(const QJsonObject& config)
     QJsonObject content = config;
     if (!content.contains(QStringLiteral("android-sdk-path")))
         content.insert(QStringLiteral("android-sdk-path"), QStringLiteral("/usr/lib/android-sdk"));
-    QFile file(path(QStringLiteral("home/config.json")));
-    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(QJsonDocument(content).toJson());
+    TestKit::writeFile(path(QStringLiteral("home/config.json")), QJsonDocument(content).toJson());
 }
 
 QProcessEnvironment E2eFixture::environment() const

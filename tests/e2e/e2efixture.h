@@ -38,6 +38,8 @@ public:
 
     void useApiToken();
     void useCredentials(const QString& email, const QString& password);
+    // auth.json with exactly this content, private to the user.
+    void writeAuth(const QJsonObject& auth) const;
     void writeConfig(const QJsonObject& config);
     void setEnv(const QString& name, const QString& value) { m_extraEnv.insert(name, value); }
     QProcessEnvironment environment() const;
@@ -74,7 +76,6 @@ private:
     QTemporaryDir m_dir;
     std::unique_ptr<SimProcess> m_simulator;
 
-    void writeAuth(const QJsonObject& auth) const;
     QUrl adminUrl(const QString& adminPath) const;
 
     QStringList m_simulatorArguments;

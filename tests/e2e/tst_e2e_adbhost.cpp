@@ -35,12 +35,11 @@ private Q_SLOTS:
             // the scripted host does.
             const QString tools = fixture.path(QStringLiteral("sdk/platform-tools"));
             QVERIFY(QDir().mkpath(tools));
-            QFile adb(tools + QStringLiteral("/adb"));
-            QVERIFY(adb.open(QIODevice::WriteOnly));
-            adb.write("#!/bin/sh\ncase \"$*\" in\nconnect*) echo \"connected to $2\" ;;\n"
-                      "*get-state) echo device ;;\nesac\nexit 0\n");
-            adb.close();
-            adb.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+            const QString adb = tools + QStringLiteral("/adb");
+            QVERIFY(TestKit::writeFile(adb,
+                                       "#!/bin/sh\ncase \"$*\" in\nconnect*) echo \"connected to $2\" ;;\n"
+                                       "*get-state) echo device ;;\nesac\nexit 0\n"));
+            QFile::setPermissions(adb, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
             fixture.writeConfig(
                 { { QStringLiteral("android-sdk-path"), fixture.path(QStringLiteral("sdk")) } });
             fixture.useApiToken();

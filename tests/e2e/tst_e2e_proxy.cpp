@@ -20,33 +20,15 @@ struct Proxy
     QByteArray log() const { return TestKit::readFile(logPath); }
 };
 
-bool waitForListener(quint16 port)
-{
-    QElapsedTimer timer;
-    timer.start();
-    do {
-        QTcpSocket socket;
-        socket.connectToHost(QHostAddress::LocalHost, port);
-        if (socket.waitForConnected(1000))
-            return true;
-        QThread::msleep(100);
-    } while (timer.elapsed() < 15000);
-    return false;
-}
-
 void writeFile(const QString& path, const QByteArray& content)
 {
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(content);
+    QVERIFY(TestKit::writeFile(path, content));
 }
 
 QByteArray linesOf(const QString& path, const QList<QByteArray>& names)
 {
-    QFile file(path);
-    file.open(QIODevice::ReadOnly);
     QByteArray lines;
-    for (const QByteArray& line : file.readAll().split('\n')) {
+    for (const QByteArray& line : TestKit::readFile(path).split('\n')) {
         if (names.contains(line.left(line.indexOf(':'))))
             lines += line + '\n';
     }
@@ -110,7 +92,7 @@ Proxy startDanted(E2eFixture& fixture, bool withPassword)
                           QStringLiteral("sh"), passwd, shadow }
                 + danted);
     }
-    if (!waitForListener(proxy.port))
+    if (!TestKit::waitForListener(proxy.port))
         proxy.port = 0;
     return proxy;
 }
@@ -132,7 +114,7 @@ Proxy startTinyproxy(E2eFixture& fixture, quint16 platformPort, bool withPasswor
     writeFile(configPath, config);
     fixture.startProcess(QStringLiteral("/usr/bin/tinyproxy"),
                          { QStringLiteral("-d"), QStringLiteral("-c"), configPath });
-    if (!waitForListener(proxy.port))
+    if (!TestKit::waitForListener(proxy.port))
         proxy.port = 0;
     return proxy;
 }

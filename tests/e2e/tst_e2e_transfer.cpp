@@ -100,11 +100,9 @@ private Q_SLOTS:
         QCOMPARE(shell.exitCode, 3);
 
         // A streamed install: abb_exec with the APK on the stream.
-        QFile apk(fixture.path(QStringLiteral("demo.apk")));
-        QVERIFY(apk.open(QIODevice::WriteOnly));
-        apk.write("package=com.example.tunnel\n" + QByteArray(200000, 'k'));
-        apk.close();
-        const E2eFixture::Result install = adb({ QStringLiteral("install"), apk.fileName() });
+        const QString apk = fixture.path(QStringLiteral("demo.apk"));
+        QVERIFY(TestKit::writeFile(apk, "package=com.example.tunnel\n" + QByteArray(200000, 'k')));
+        const E2eFixture::Result install = adb({ QStringLiteral("install"), apk });
         QVERIFY2(install.out.contains("Performing Streamed Install\nSuccess"),
                  (install.out + install.err).constData());
         QVERIFY(adb({ QStringLiteral("uninstall"), QStringLiteral("com.example.tunnel") })

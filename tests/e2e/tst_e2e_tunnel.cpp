@@ -157,9 +157,7 @@ private Q_SLOTS:
         QVERIFY(fixture.startSimulator());
         QString uuid = fixture.instanceUuid();
         if (how == QLatin1String("token")) {
-            QFile auth(fixture.path(QStringLiteral("home/auth.json")));
-            QVERIFY(auth.open(QIODevice::WriteOnly));
-            auth.write("{\"api_token\": \"wrong\"}");
+            fixture.writeAuth({ { QStringLiteral("api_token"), QStringLiteral("wrong") } });
         } else {
             fixture.useApiToken();
         }

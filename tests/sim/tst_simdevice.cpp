@@ -48,7 +48,6 @@ private Q_SLOTS:
     void pushPull();
     void sandboxEscape_data();
     void sandboxEscape();
-    void unknownServiceIsRefused();
     void malformedMessages_data();
     void malformedMessages();
     void relayToTcpDevice();
@@ -72,9 +71,7 @@ private:
     }
     static void writeFile(const QString& path, const QByteArray& data)
     {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        QCOMPARE(file.write(data), data.size());
+        QVERIFY(TestKit::writeFile(path, data));
     }
 
     QTemporaryDir m_work;
@@ -489,14 +486,6 @@ void TestSimDevice::sandboxEscape()
              QByteArray("still serving\n"));
 }
 
-void TestSimDevice::unknownServiceIsRefused()
-{
-    // "reboot:" is a device service this device does not offer.
-    const AdbResult result = adb({ QStringLiteral("reboot") });
-    QVERIFY(result.exitCode != 0);
-    QCOMPARE(adb({ QStringLiteral("shell"), QStringLiteral("echo ok") }).out, QByteArray("ok\n"));
-}
-
 void TestSimDevice::malformedMessages_data()
 {
     const QByteArray cnxn = AdbPacket(AdbPacket::CNXN, 0x01000001, 256 * 1024, "host::").toByteArray();
@@ -518,6 +507,9 @@ void TestSimDevice::malformedMessages_data()
     QTest::newRow("garbage") << QByteArray(100, '\xff') << true;
     QTest::newRow("WRTE to an unknown stream")
         << cnxn + AdbPacket(AdbPacket::WRTE, 7, 99, "data").toByteArray() << false;
+    // "reboot:" is a device service this device does not offer.
+    QTest::newRow("OPEN of a service it lacks")
+        << cnxn + AdbPacket(AdbPacket::OPEN, 7, 0, QByteArray("reboot:\0", 8)).toByteArray() << false;
 }
 
 void TestSimDevice::malformedMessages()

@@ -129,8 +129,6 @@ private Q_SLOTS:
     void restFaults();
     void handshake_data();
     void handshake();
-    void adbOverWebSocket_data();
-    void adbOverWebSocket();
     void stopEndsShellsAndSandbox();
     void frameRules_data();
     void frameRules();
@@ -461,53 +459,6 @@ void TestSimPlatform::handshake()
         QVERIFY(disconnected.count() > 0 || disconnected.wait(10000));
         QCOMPARE(int(socket.closeCode()), closeCode);
     }
-}
-
-void TestSimPlatform::adbOverWebSocket_data()
-{
-    QTest::addColumn<int>("version");
-    QTest::newRow("version 1") << 1;
-    QTest::newRow("version 2") << 2;
-}
-
-void TestSimPlatform::adbOverWebSocket()
-{
-    QFETCH(int, version);
-    auto tunnel = openTunnel(m_sim, 0, version);
-    QVERIFY(tunnel);
-    tunnel->socket.sendBinaryMessage(
-        adbMessage(AdbPacket::CNXN, 0x01000001, 256 * 1024, "host::features=shell_v2"));
-    const QByteArray cnxn = tunnel->next();
-    QCOMPARE(AdbPacket::headerWord(cnxn, 0), quint32(AdbPacket::CNXN));
-    QVERIFY(cnxn.mid(24).startsWith("device::ro.product.name="));
-    QVERIFY(cnxn.contains(";features=shell_v2,"));
-
-    // 3 MB of output: at version 1 every write waits for our OKAY, at version 2 the cloud
-    // acknowledges them itself and we send none.
-    const qint64 size = 3000000;
-    tunnel->socket.sendBinaryMessage(adbMessage(
-        AdbPacket::OPEN, 5, 0, QByteArray("exec:head -c ") + QByteArray::number(size) + " /dev/zero\0"));
-    const QByteArray ready = tunnel->next();
-    QCOMPARE(AdbPacket::headerWord(ready, 0), quint32(AdbPacket::OKAY));
-    const quint32 deviceId = AdbPacket::headerWord(ready, 1);
-    QCOMPARE(AdbPacket::headerWord(ready, 2), 5u);
-
-    qint64 received = 0;
-    for (;;) {
-        const QByteArray frame = tunnel->next();
-        QVERIFY2(!frame.isEmpty(), qPrintable(QStringLiteral("stalled after %1 bytes").arg(received)));
-        // One whole ADB message per frame.
-        QCOMPARE(qint64(frame.size()), 24 + qint64(AdbPacket::headerWord(frame, 3)));
-        QCOMPARE(AdbPacket::headerWord(frame, 1), deviceId);
-        if (AdbPacket::headerWord(frame, 0) != AdbPacket::WRTE) {
-            QCOMPARE(AdbPacket::headerWord(frame, 0), quint32(AdbPacket::CLSE));
-            break;
-        }
-        received += frame.size() - 24;
-        if (version == 1)
-            tunnel->socket.sendBinaryMessage(adbMessage(AdbPacket::OKAY, 5, deviceId));
-    }
-    QCOMPARE(received, size);
 }
 
 void TestSimPlatform::stopEndsShellsAndSandbox()

@@ -11,10 +11,12 @@
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QtEndian>
 #include <QTest>
 
 #include <csignal>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 
 namespace {
 bool listens(quint16 port)
@@ -46,6 +48,31 @@ QByteArray TestKit::readFile(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool TestKit::writeFile(const QString& path, const QByteArray& content)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size();
+}
+
+int TestKit::fileMode(const QString& path)
+{
+    struct stat info = {};
+    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
+}
+
+bool TestKit::waitForListener(quint16 port, int timeoutMs)
+{
+    return QTest::qWaitFor([port] { return listens(port); }, timeoutMs);
+}
+
+QByteArray TestKit::localFrame(const QByteArray& payload)
+{
+    QByteArray bytes(8, '\0');
+    qToBigEndian<qint32>(qint32(payload.size() + 4), bytes.data());
+    qToBigEndian<quint32>(quint32(payload.size()), bytes.data() + 4);
+    return bytes + payload;
 }
 
 QString TestKit::adbPath()

@@ -39,6 +39,15 @@ quint16 freeLoopbackPort();
 QByteArray sha256(const QString& file);
 // A file's content; empty when it cannot be read.
 QByteArray readFile(const QString& path);
+// Replaces path's content; false when it cannot be written.
+bool writeFile(const QString& path, const QByteArray& content);
+// The permission bits of path (st_mode & 07777); -1 when it does not exist.
+int fileMode(const QString& path);
+// Whether something accepts connections on the loopback port within timeoutMs.
+bool waitForListener(quint16 port, int timeoutMs = 15000);
+// A frame of the daemon's local socket, built by hand so that a change to the wire format fails
+// the tests instead of changing both ends together.
+QByteArray localFrame(const QByteArray& payload);
 // Debian's adb.
 QString adbPath();
 // Runs program to its end (killed after timeoutMs).
