@@ -51,7 +51,11 @@ private Q_SLOTS:
                 return count;
             };
             QTRY_VERIFY_WITH_TIMEOUT(logins() >= 2, 30000);
-            fixture.waitForState(uuid, QStringLiteral("CONNECTED"));
+            QTRY_VERIFY_WITH_TIMEOUT(fixture.log().count("Tunnel init successfully for device") >= 2, 30000);
+            QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
+                     QStringLiteral("CONNECTED"));
+            QTRY_COMPARE_WITH_TIMEOUT(fixture.shell(serial, QStringLiteral("echo again")),
+                                      QByteArray("again\n"), 30000);
         }
         QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("disconnect"), uuid }).exitCode, 0);
         QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("stop") }).exitCode, 0);
@@ -78,6 +82,8 @@ private Q_SLOTS:
         }
         secrets.removeAll(QString());
         secrets.removeDuplicates();
+        // The session token went out as a bearer token.
+        QVERIFY(apiToken || QJsonDocument(requests).toJson().contains("Bearer "));
         // The API token, or the password and a session token; and the instance access token.
         QVERIFY2(secrets.size() >= (apiToken ? 2 : 3), qPrintable(secrets.join(QLatin1Char(' '))));
 

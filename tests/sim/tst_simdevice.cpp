@@ -38,7 +38,6 @@ private Q_SLOTS:
     void features_data();
     void features();
     void interactiveShell();
-    void installUninstall();
     void largeFileSize();
     void forwardAndReverse_data();
     void forwardAndReverse();
@@ -262,21 +261,6 @@ void TestSimDevice::interactiveShell()
     QVERIFY(type("exit 5\r"));
     QVERIFY(process.waitForFinished(20000));
     QCOMPARE(process.exitCode(), 5);
-}
-
-void TestSimDevice::installUninstall()
-{
-    // The toy package manager names a streamed APK by its "package=" line.
-    const QString apk = m_work.filePath(QStringLiteral("demo.apk"));
-    writeFile(apk, "package=com.example.sim\n" + QByteArray(300 * 1024, 'k'));
-    const AdbResult installed = adb({ QStringLiteral("install"), QStringLiteral("-r"), apk });
-    QVERIFY2(installed.exitCode == 0 && installed.out.contains("Performing Streamed Install\nSuccess"),
-             installed.out + installed.err);
-    QVERIFY(adb({ QStringLiteral("shell"), QStringLiteral("pm list packages") })
-                .out.contains("package:com.example.sim\n"));
-    const AdbResult removed = adb({ QStringLiteral("uninstall"), QStringLiteral("com.example.sim") });
-    QVERIFY2(removed.out.contains("Success"), removed.out + removed.err);
-    QVERIFY(!adb({ QStringLiteral("uninstall"), QStringLiteral("com.example.sim") }).out.contains("Success"));
 }
 
 void TestSimDevice::largeFileSize()
