@@ -109,35 +109,16 @@ private Q_SLOTS:
                     .out.contains("Success"));
 
         // Both stream directions: the host opens for `adb forward`, the device for `adb reverse`.
-        QTcpServer echo;
-        QVERIFY(echo.listen(QHostAddress::LocalHost, 0));
-        connect(&echo, &QTcpServer::newConnection, this, [&echo] {
-            QTcpSocket* socket = echo.nextPendingConnection();
-            connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->write(socket->readAll()); });
-        });
-        const QString target = QStringLiteral("tcp:%1").arg(echo.serverPort());
+        EchoServer echo;
+        const QString target = echo.adbTarget();
         const quint16 forwarded = E2eFixture::freePort();
         QCOMPARE(adb({ QStringLiteral("forward"), QStringLiteral("tcp:%1").arg(forwarded), target }).exitCode,
                  0);
-        echoThrough(forwarded);
+        QVERIFY(TestKit::echoesThrough(forwarded, 2 * 1024 * 1024, 1));
         const E2eFixture::Result reverse
             = adb({ QStringLiteral("reverse"), QStringLiteral("tcp:0"), target });
         QVERIFY2(reverse.exitCode == 0, (reverse.out + reverse.err).constData());
-        echoThrough(quint16(reverse.out.trimmed().toUInt()));
-    }
-
-private:
-    static void echoThrough(quint16 port)
-    {
-        QByteArray data(2 * 1024 * 1024, Qt::Uninitialized);
-        QRandomGenerator(port).fillRange(reinterpret_cast<quint32*>(data.data()), data.size() / 4);
-        QTcpSocket client;
-        client.connectToHost(QHostAddress::LocalHost, port);
-        QVERIFY(client.waitForConnected(10000));
-        client.write(data);
-        QByteArray back;
-        QTRY_COMPARE_WITH_TIMEOUT((back += client.readAll()).size(), data.size(), 60000);
-        QVERIFY(back == data);
+        QVERIFY(TestKit::echoesThrough(quint16(reverse.out.trimmed().toUInt()), 2 * 1024 * 1024, 2));
     }
 };
 

@@ -169,8 +169,7 @@ void TestSimDevice::commandInput_data()
 void TestSimDevice::commandInput()
 {
     QFETCH(QString, service);
-    QByteArray data(1024 * 1024 + 3, Qt::Uninitialized);
-    QRandomGenerator(11).fillRange(reinterpret_cast<quint32*>(data.data()), data.size() / 4);
+    const QByteArray data = TestKit::randomBytes(1024 * 1024 + 3, 11);
     const QString local = m_work.filePath(QStringLiteral("input.bin"));
     writeFile(local, data);
     const QString remote = QStringLiteral("data/local/tmp/input-%1.bin").arg(QTest::currentDataTag()[0]);
@@ -287,13 +286,8 @@ void TestSimDevice::forwardAndReverse()
     QFETCH(bool, reverse);
     // An echo server on loopback plays the developer's dev server (reverse) or the device's
     // app (forward): the stream carries 3 MiB each way while both sides write and read.
-    QTcpServer echo;
-    QVERIFY(echo.listen(QHostAddress::LocalHost, 0));
-    connect(&echo, &QTcpServer::newConnection, this, [&echo] {
-        QTcpSocket* socket = echo.nextPendingConnection();
-        connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->write(socket->readAll()); });
-    });
-    const QString target = QStringLiteral("tcp:%1").arg(echo.serverPort());
+    EchoServer echo;
+    const QString target = echo.adbTarget();
     quint16 entry = 0;
     if (reverse) {
         const AdbResult set = adb({ QStringLiteral("reverse"), QStringLiteral("tcp:0"), target });
@@ -307,17 +301,7 @@ void TestSimDevice::forwardAndReverse()
         QVERIFY2(set.exitCode == 0, set.out + set.err);
     }
 
-    QByteArray data(3 * 1024 * 1024, Qt::Uninitialized);
-    QRandomGenerator(7).fillRange(reinterpret_cast<quint32*>(data.data()), data.size() / 4);
-    QTcpSocket client;
-    client.connectToHost(QHostAddress::LocalHost, entry);
-    QVERIFY(client.waitForConnected(10000));
-    client.write(data);
-    QByteArray back;
-    connect(&client, &QTcpSocket::readyRead, this, [&] { back += client.readAll(); });
-    QTRY_COMPARE_WITH_TIMEOUT(back.size(), data.size(), 60000);
-    QVERIFY(back == data);
-    client.close();
+    QVERIFY(TestKit::echoesThrough(entry, 3 * 1024 * 1024, 7));
 
     if (reverse) {
         const QString rule = QStringLiteral("tcp:%1").arg(entry);
@@ -416,9 +400,7 @@ void TestSimDevice::pushPull()
 {
     QFETCH(bool, legacy);
     QFETCH(qint64, size);
-    QByteArray data(size + 3, Qt::Uninitialized);
-    QRandomGenerator(quint32(size)).fillRange(reinterpret_cast<quint32*>(data.data()), data.size() / 4);
-    data.truncate(size);
+    const QByteArray data = TestKit::randomBytes(size, quint32(size));
     const QString local = m_work.filePath(QStringLiteral("push.bin"));
     writeFile(local, data);
     const QString remote = QStringLiteral("/sdcard/dir %1/file.bin").arg(size);

@@ -7,6 +7,7 @@
 #include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QNetworkProxy>
+#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTcpServer>
@@ -48,6 +49,36 @@ QByteArray TestKit::readFile(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QByteArray TestKit::randomBytes(qsizetype size, quint32 seed)
+{
+    QByteArray bytes(size + 3, Qt::Uninitialized);
+    QRandomGenerator(seed).fillRange(reinterpret_cast<quint32*>(bytes.data()), bytes.size() / 4);
+    bytes.truncate(size);
+    return bytes;
+}
+
+bool TestKit::echoesThrough(quint16 port, qsizetype size, quint32 seed)
+{
+    const QByteArray data = randomBytes(size, seed);
+    QTcpSocket client;
+    client.connectToHost(QHostAddress::LocalHost, port);
+    if (!client.waitForConnected(10000))
+        return false;
+    client.write(data);
+    QByteArray back;
+    return QTest::qWaitFor([&] { return (back += client.readAll()).size() >= data.size(); }, 60000)
+        && back == data;
+}
+
+EchoServer::EchoServer()
+{
+    listen(QHostAddress::LocalHost, 0);
+    connect(this, &QTcpServer::newConnection, this, [this] {
+        QTcpSocket* socket = nextPendingConnection();
+        connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->write(socket->readAll()); });
+    });
 }
 
 bool TestKit::writeFile(const QString& path, const QByteArray& content)

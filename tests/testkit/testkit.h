@@ -8,6 +8,7 @@
 #include <QNetworkReply>
 #include <QProcess>
 #include <QStringList>
+#include <QTcpServer>
 #include <QTemporaryDir>
 
 // What a program run to its end left behind. exitCode is -1 when it crashed or was killed for
@@ -37,6 +38,11 @@ namespace TestKit {
 quint16 freeLoopbackPort();
 // SHA-256 of a file's content, in hex; empty when the file cannot be read.
 QByteArray sha256(const QString& file);
+// size pseudo-random bytes, the same for the same seed.
+QByteArray randomBytes(qsizetype size, quint32 seed);
+// Sends size pseudo-random bytes to the loopback port while reading what comes back, with the
+// event loop running (the echoing end may live in this thread); true when all came back intact.
+bool echoesThrough(quint16 port, qsizetype size, quint32 seed);
 // A file's content; empty when it cannot be read.
 QByteArray readFile(const QString& path);
 // Replaces path's content; false when it cannot be written.
@@ -65,6 +71,15 @@ HttpResult http(const QByteArray& verb, const QUrl& url, const QByteArray& body 
 // Empty on success, else what openssl said.
 QString makeSelfSignedCertificate(const QString& dir);
 } // namespace TestKit
+
+// A loopback server that sends back whatever its clients send: the far end of forwarded streams.
+class EchoServer : public QTcpServer
+{
+public:
+    EchoServer();
+    // The server as adb names it in "forward" and "reverse" rules.
+    QString adbTarget() const { return QStringLiteral("tcp:%1").arg(serverPort()); }
+};
 
 // kbplatform-sim as a child process; the destructor stops it.
 class SimProcess
