@@ -123,7 +123,6 @@ class TestSimPlatform : public QObject
 
 private Q_SLOTS:
     void initTestCase();
-    void badCommandLine();
     void restErrors_data();
     void restErrors();
     void restFaults();
@@ -332,16 +331,6 @@ void TestSimPlatform::cloudFaults()
         QCOMPARE(quint8(tunnel->read(1).at(0)), quint8(0x73)); // reserved bits and opcode
         QCOMPARE(tunnel->read(65535).size(), 65535);
     }
-}
-
-void TestSimPlatform::badCommandLine()
-{
-    SimProcess sim;
-    QString error;
-    QVERIFY(!sim.start({ QStringLiteral("--instances"), QStringLiteral("0") }, &error));
-    QVERIFY(sim.process().waitForFinished(10000) || sim.process().state() == QProcess::NotRunning);
-    QCOMPARE(sim.process().exitCode(), 1);
-    QVERIFY(error.contains(QLatin1String("--instances")));
 }
 
 void TestSimPlatform::restErrors_data()
