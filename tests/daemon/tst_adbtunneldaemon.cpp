@@ -5,11 +5,7 @@
 #include "daemon/adbtunneldaemon.h"
 #include "network/networkprovider.h"
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
-#include <QNetworkAccessManager>
 #include <QRegularExpression>
-#include <QSignalSpy>
 #include <QTest>
 
 #include <memory>
@@ -99,33 +95,6 @@ private Q_SLOTS:
         QCOMPARE(m_daemon->handleMessage(message), QVariant(reply));
         QVERIFY(instances().isEmpty());
         QCOMPARE(m_tunnels->attempts(), 0);
-    }
-
-    void daemonInfo_data()
-    {
-        QTest::addColumn<QNetworkProxy>("proxy");
-        QTest::addColumn<QString>("proxyText");
-        QTest::newRow("no proxy") << QNetworkProxy(QNetworkProxy::NoProxy) << QString();
-        QTest::newRow("http proxy") << QNetworkProxy(QNetworkProxy::HttpProxy, QStringLiteral("proxy.lan"),
-                                                     3128)
-                                    << QStringLiteral("proxy.lan:3128");
-    }
-    void daemonInfo()
-    {
-        QFETCH(QNetworkProxy, proxy);
-        QFETCH(QString, proxyText);
-        makeDaemon(QString());
-        QCoreApplication::setApplicationVersion(QStringLiteral("9.8.7"));
-        qputenv("KB_PLATFORM_BASE_URL", "http://127.0.0.1:8123");
-        m_network.setProxy(proxy);
-        const QVariantMap expected {
-            { QStringLiteral("version"), QStringLiteral("9.8.7") },
-            { QStringLiteral("platform_url"), QStringLiteral("http://127.0.0.1:8123") },
-            { QStringLiteral("proxy"), proxyText },
-        };
-        QCOMPARE(m_daemon->handleMessage(request(QStringLiteral("getdaemoninfo"))).toMap(), expected);
-        qunsetenv("KB_PLATFORM_BASE_URL");
-        m_network.setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
     }
 
     // What "getinstances" shows once the controller has settled (or, for scripts ending in a
@@ -219,18 +188,6 @@ private Q_SLOTS:
         m_daemon->handleMessage(connectRequest(id, 6001));
         QTRY_COMPARE(m_tunnels->started(), 3);
         QCOMPARE(m_daemon->getStateFromDeviceId(id), PENDING);
-    }
-
-    void stopQuitsOneSecondAfterTheReply()
-    {
-        makeDaemon(QString());
-        QSignalSpy quit(m_daemon.get(), &AdbTunnelDaemon::quit);
-        QElapsedTimer clock;
-        clock.start();
-        QCOMPARE(m_daemon->handleMessage(request(QStringLiteral("stop"))), QVariant(true));
-        QVERIFY(quit.isEmpty());
-        QVERIFY(quit.wait(3000));
-        QVERIFY2(clock.elapsed() >= 990, qPrintable(QString::number(clock.elapsed())));
     }
 
     void destroyingTheDaemonEndsEveryTunnel()

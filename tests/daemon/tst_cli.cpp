@@ -1,4 +1,6 @@
 // Runs the built kbadbtunneld as a user would, each case with its own configuration home.
+#include "testkit.h"
+
 #include <QCryptographicHash>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -7,44 +9,13 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
-#include <QtEndian>
 #include <QtTest>
 
 #include <csignal>
 #include <sys/stat.h>
 
-namespace {
-
-struct Run
-{
-    int exitCode = -1;
-    QProcess::ExitStatus exitStatus = QProcess::NormalExit;
-    QByteArray out;
-    QByteArray err;
-    QJsonObject json() const { return QJsonDocument::fromJson(out).object(); }
-    QJsonObject errorJson() const { return QJsonDocument::fromJson(err).object(); }
-};
-
-QByteArray frame(const QByteArray& payload)
-{
-    QByteArray bytes(8, '\0');
-    qToBigEndian<qint32>(qint32(payload.size() + 4), bytes.data());
-    qToBigEndian<quint32>(quint32(payload.size()), bytes.data() + 4);
-    return bytes + payload;
-}
-
-int modeOf(const QString& path)
-{
-    struct stat info = {};
-    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
-}
-
-bool processAlive(qint64 pid)
-{
-    return pid > 0 && ::kill(pid_t(pid), 0) == 0;
-}
-
-} // namespace
+using TestKit::localFrame;
+using TestKit::processAlive;
 
 class TestCli : public QObject
 {
@@ -59,40 +30,17 @@ private:
         return env;
     }
 
-    Run run(const QStringList& arguments, const QProcessEnvironment* env = nullptr)
+    RunResult run(const QStringList& arguments, const QProcessEnvironment* env = nullptr)
     {
-        QProcess process;
-        process.setProcessEnvironment(env ? *env : environment());
-        process.start(QStringLiteral(KBADBTUNNELD_PATH), arguments);
-        Run result;
-        if (!process.waitForFinished(60000)) {
-            process.kill();
-            process.waitForFinished();
-        }
-        result.exitCode = process.exitCode();
-        result.exitStatus = process.exitStatus();
-        result.out = process.readAllStandardOutput();
-        result.err = process.readAllStandardError();
-        return result;
+        return TestKit::run(QStringLiteral(KBADBTUNNELD_PATH), arguments, env ? *env : environment());
     }
 
     QString log() const
     {
-        QFile file(m_home->path() + QStringLiteral("/kbadbtunneld.log"));
-        file.open(QIODevice::ReadOnly);
-        return QString::fromUtf8(file.readAll());
+        return QString::fromUtf8(TestKit::readFile(m_home->path() + QStringLiteral("/kbadbtunneld.log")));
     }
 
-    QList<qint64> daemonPids() const
-    {
-        QList<qint64> pids;
-        static const QRegularExpression started(
-            QStringLiteral("\\[kbadbtunneld:(\\d+):[^\\]]*\\] \\[debug\\] ==== SERVER starting"));
-        auto it = started.globalMatch(log());
-        while (it.hasNext())
-            pids.append(it.next().captured(1).toLongLong());
-        return pids;
-    }
+    QList<qint64> daemonPids() const { return TestKit::daemonPids(log().toUtf8()); }
 
     QString socketPath() const
     {
@@ -108,10 +56,7 @@ private Q_SLOTS:
     void cleanup()
     {
         run({ QStringLiteral("stop") });
-        for (qint64 pid : daemonPids()) {
-            if (processAlive(pid))
-                ::kill(pid_t(pid), SIGKILL);
-        }
+        TestKit::killDaemons(log().toUtf8());
         m_home.reset();
     }
 
@@ -153,7 +98,7 @@ private Q_SLOTS:
         QFETCH(QStringList, arguments);
         QFETCH(int, exitCode);
         QFETCH(bool, helpOnStdout);
-        const Run result = run(arguments);
+        const RunResult result = run(arguments);
         QCOMPARE(result.exitCode, exitCode);
         if (helpOnStdout) {
             QVERIFY(result.out.contains("A way to connect ADB to Kestrelbox Cloud SaaS instances"));
@@ -179,7 +124,7 @@ private Q_SLOTS:
              { QStringList { QStringLiteral("stop") }, QStringList { QStringLiteral("getdaemoninfo") },
                QStringList { QStringLiteral("getinstances") },
                QStringList { QStringLiteral("disconnect"), QStringLiteral("abc") } }) {
-            const Run result = run(arguments);
+            const RunResult result = run(arguments);
             QCOMPARE(result.exitCode, 0);
             QCOMPARE(result.out, QByteArray("{\n    \"exit_code\": 0,\n    \"running\": false\n}\n"));
             QCOMPARE(result.err, QByteArray());
@@ -189,7 +134,7 @@ private Q_SLOTS:
 
     void daemonLifecycle()
     {
-        Run result = run({ QStringLiteral("start") });
+        RunResult result = run({ QStringLiteral("start") });
         QCOMPARE(result.exitCode, 0);
         QCOMPARE(result.json().value(QStringLiteral("running")).toBool(), true);
         QCOMPARE(daemonPids().size(), 1);
@@ -217,7 +162,7 @@ private Q_SLOTS:
         QLocalSocket garbage;
         garbage.connectToServer(socketPath());
         QVERIFY(garbage.waitForConnected(2000));
-        garbage.write(frame("this is not json"));
+        garbage.write(localFrame("this is not json"));
         garbage.waitForBytesWritten(1000);
         QTRY_VERIFY(log().contains(QLatin1String("Invalid json received:")));
         QCOMPARE(run({ QStringLiteral("getinstances") }).exitCode, 0);
@@ -246,14 +191,14 @@ private Q_SLOTS:
             QVERIFY(QDir(home).removeRecursively());
         // Client and daemon inherit the umask: with 000, anything left to it is open to all.
         const mode_t savedUmask = ::umask(0);
-        const Run result = run({ QStringLiteral("start") });
+        const RunResult result = run({ QStringLiteral("start") });
         ::umask(savedUmask);
         QCOMPARE(result.exitCode, 0);
 
-        QCOMPARE(modeOf(home), homeExists ? 0777 : 0700);
-        QCOMPARE(modeOf(home + QStringLiteral("/tmp")), 0700);
-        QCOMPARE(modeOf(home + QStringLiteral("/kbadbtunneld.log")), 0600);
-        QCOMPARE(modeOf(socketPath()) & 0777, 0700);
+        QCOMPARE(TestKit::fileMode(home), homeExists ? 0777 : 0700);
+        QCOMPARE(TestKit::fileMode(home + QStringLiteral("/tmp")), 0700);
+        QCOMPARE(TestKit::fileMode(home + QStringLiteral("/kbadbtunneld.log")), 0600);
+        QCOMPARE(TestKit::fileMode(socketPath()) & 0777, 0700);
         QCOMPARE(log().contains(QStringLiteral("%1 is writable by other users of this machine").arg(home)),
                  homeExists);
         // The socket's mode is what keeps others out; its owner still gets in.
@@ -297,7 +242,7 @@ private Q_SLOTS:
         QFile blocker(m_home->path() + QStringLiteral("/tmp"));
         QVERIFY(blocker.open(QIODevice::WriteOnly));
         blocker.close();
-        const Run result = run({ QStringLiteral("connect"), QStringLiteral("abc") });
+        const RunResult result = run({ QStringLiteral("connect"), QStringLiteral("abc") });
         QCOMPARE(result.exitCode, 2);
         QCOMPARE(result.out, QByteArray());
         const QJsonObject error = result.errorJson().value(QStringLiteral("error")).toObject();
@@ -312,10 +257,10 @@ private Q_SLOTS:
         QTest::addColumn<QString>("command");
         QTest::addColumn<QByteArray>("reply");
         QTest::addColumn<QString>("message");
-        QTest::newRow("reply not json") << "getinstances" << frame("{broken") << "Invalid response";
+        QTest::newRow("reply not json") << "getinstances" << localFrame("{broken") << "Invalid response";
         QTest::newRow("connection closed") << "getdaemoninfo" << QByteArray() << "Invalid response";
         QTest::newRow("daemon will not stop")
-            << "stop" << frame("{\"reply\":true}") << "Failed to stop 'kbadbtunneld'.";
+            << "stop" << localFrame("{\"reply\":true}") << "Failed to stop 'kbadbtunneld'.";
     }
 
     // A stand-in daemon on the socket gives the answers a real one never would.
@@ -388,7 +333,7 @@ private Q_SLOTS:
     {
         QProcessEnvironment env = environment();
         env.insert(QStringLiteral("KBSAAS_CONFIG_HOME"), QStringLiteral("cfg"));
-        const Run result = run({ QStringLiteral("getinstances") }, &env);
+        const RunResult result = run({ QStringLiteral("getinstances") }, &env);
         QCOMPARE(result.exitStatus, QProcess::CrashExit);
         QVERIFY(result.err.contains("KBSAAS_CONFIG_HOME is set to 'cfg' but must be an absolute path."));
         QCOMPARE(result.out, QByteArray());

@@ -1,3 +1,5 @@
+#include "testkit.h"
+
 #include "daemon/adbtunnelparser.h"
 #include "daemon/configprovider.h"
 #include "daemon/credentialsprovider.h"
@@ -8,16 +10,6 @@
 #include <QtTest>
 
 #include <sys/stat.h>
-
-namespace {
-
-int modeOf(const QString& path)
-{
-    struct stat info = {};
-    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
-}
-
-} // namespace
 
 class TestConfiguration : public QObject
 {
@@ -57,7 +49,7 @@ private Q_SLOTS:
         QCOMPARE(getKbsaasConfigHomePath(), path(QStringLiteral("a/b/c")));
         ::umask(savedUmask);
         for (const char* created : { "a", "a/b", "a/b/c" })
-            QCOMPARE(modeOf(path(QLatin1String(created))), 0700);
+            QCOMPARE(TestKit::fileMode(path(QLatin1String(created))), 0700);
 
         // Unset and empty both mean the shared default, which is not created here.
         for (const bool empty : { false, true }) {
@@ -173,7 +165,7 @@ private Q_SLOTS:
         }
         QTest::failOnWarning(QRegularExpression(QStringLiteral("chmod 700")));
         warnIfConfigHomeIsShared(home.path());
-        QCOMPARE(modeOf(home.path()), homeMode); // reported, not changed
+        QCOMPARE(TestKit::fileMode(home.path()), homeMode); // reported, not changed
     }
 
     void proxyUrl_data()
@@ -220,10 +212,7 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QVariantMap>("expected");
         const QVariantMap bad;
-        QTest::newRow("nothing") << QStringList {} << bad;
-        QTest::newRow("unknown") << QStringList { QStringLiteral("foo") } << bad;
         QTest::newRow("wrong case") << QStringList { QStringLiteral("START") } << bad;
-        QTest::newRow("connect without id") << QStringList { QStringLiteral("connect") } << bad;
         QTest::newRow("start ignores extras")
             << QStringList { QStringLiteral("start"), QStringLiteral("x") }
             << QVariantMap { { QStringLiteral("command"), QStringLiteral("start") } };
@@ -261,16 +250,6 @@ private Q_SLOTS:
         AdbTunnelParser::setupParser(&parser, arguments);
         QVERIFY2(parser.parse(arguments), qPrintable(parser.errorText()));
         QCOMPARE(AdbTunnelParser::getMessageFromParser(parser), expected);
-    }
-
-    void portOptionOnlyExistsForConnect()
-    {
-        const QStringList arguments { QStringLiteral("kbadbtunneld"), QStringLiteral("getinstances"),
-                                      QStringLiteral("--adb-serial-port"), QStringLiteral("5555") };
-        QCommandLineParser parser;
-        AdbTunnelParser::setupParser(&parser, arguments);
-        QVERIFY(!parser.parse(arguments));
-        QVERIFY(parser.errorText().contains(QLatin1String("adb-serial-port")));
     }
 };
 

@@ -90,16 +90,6 @@ private Q_SLOTS:
         QCOMPARE(server.admits(QHostAddress(peer)), admitted);
     }
 
-    void sendWithoutListening()
-    {
-        TcpServer server;
-        QTest::ignoreMessage(QtWarningMsg, "Tcp server not started.");
-        server.sendData("x");
-        QVERIFY(server.listen(QHostAddress::LocalHost, 0));
-        QTest::ignoreMessage(QtDebugMsg, "No connected client.");
-        server.sendData("x");
-    }
-
     void readsInChunksAndKeepsStaleClient()
     {
         TcpServer server;

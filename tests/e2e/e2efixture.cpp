@@ -1,24 +1,11 @@
 #include "e2efixture.h"
 
 #include <QDir>
-#include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QNetworkAccessManager>
-#include <QNetworkProxy>
-#include <QNetworkReply>
 #include <QRandomGenerator>
-#include <QRegularExpression>
 #include <QTest>
-#include <QTimer>
-
-#include <csignal>
-
-QJsonObject E2eFixture::Result::json() const
-{
-    return QJsonDocument::fromJson(out).object();
-}
 
 E2eFixture::E2eFixture()
 {
@@ -33,10 +20,7 @@ E2eFixture::E2eFixture()
 E2eFixture::~E2eFixture()
 {
     kbadbtunneld({ QStringLiteral("stop") }, 15000);
-    for (const qint64 pid : daemonPids()) {
-        if (::kill(pid_t(pid), 0) == 0)
-            ::kill(pid_t(pid), SIGKILL);
-    }
+    TestKit::killDaemons(log());
     m_adb->stop();
     for (auto& helper : m_helpers) {
         helper->terminate();
@@ -49,25 +33,11 @@ E2eFixture::~E2eFixture()
     stopSimulator();
 }
 
-QList<qint64> E2eFixture::daemonPids() const
-{
-    static const QRegularExpression daemonLine(
-        QStringLiteral("\\[kbadbtunneld:(\\d+):[^\\]]*\\] \\[debug\\] ==== SERVER starting"));
-    QList<qint64> pids;
-    auto it = daemonLine.globalMatch(QString::fromUtf8(log()));
-    while (it.hasNext()) {
-        const qint64 pid = it.next().captured(1).toLongLong();
-        if (pid > 0)
-            pids.append(pid);
-    }
-    return pids;
-}
-
 qint64 E2eFixture::daemonPid() const
 {
-    const QList<qint64> pids = daemonPids();
+    const QList<qint64> pids = TestKit::daemonPids(log());
     for (auto it = pids.crbegin(); it != pids.crend(); ++it) {
-        if (::kill(pid_t(*it), 0) == 0)
+        if (TestKit::processAlive(*it))
             return *it;
     }
     return 0;
@@ -119,42 +89,31 @@ bool E2eFixture::restartSimulator()
 
 QString E2eFixture::instanceUuid(int index) const
 {
-    return m_ready.value(QStringLiteral("instances"))
-        .toArray()
-        .at(index)
-        .toObject()
-        .value(QStringLiteral("uuid"))
-        .toString();
+    return m_simulator ? m_simulator->instance(index).value(QStringLiteral("uuid")).toString() : QString();
 }
 
 quint16 E2eFixture::devicePort(int index) const
 {
-    return quint16(m_ready.value(QStringLiteral("instances"))
-                       .toArray()
-                       .at(index)
-                       .toObject()
-                       .value(QStringLiteral("device_port"))
-                       .toInt());
+    return m_simulator ? quint16(m_simulator->instance(index).value(QStringLiteral("device_port")).toInt())
+                       : 0;
 }
 
 void E2eFixture::useApiToken()
 {
-    QFile file(path(QStringLiteral("home/auth.json")));
-    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(QJsonDocument(QJsonObject { { QStringLiteral("api_token"),
-                                             m_ready.value(QStringLiteral("api_token")) } })
-                   .toJson());
-    file.setPermissions(QFile::ReadOwner | QFile::WriteOwner); // as a careful user keeps it
+    writeAuth({ { QStringLiteral("api_token"), m_ready.value(QStringLiteral("api_token")) } });
 }
 
 void E2eFixture::useCredentials(const QString& email, const QString& password)
 {
+    writeAuth({ { QStringLiteral("email"), email }, { QStringLiteral("password"), password } });
+}
+
+void E2eFixture::writeAuth(const QJsonObject& auth) const
+{
     QFile file(path(QStringLiteral("home/auth.json")));
     file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(QJsonDocument(QJsonObject { { QStringLiteral("email"), email },
-                                           { QStringLiteral("password"), password } })
-                   .toJson());
-    file.setPermissions(QFile::ReadOwner | QFile::WriteOwner);
+    file.write(QJsonDocument(auth).toJson());
+    file.setPermissions(QFile::ReadOwner | QFile::WriteOwner); // as a careful user keeps it
 }
 
 void E2eFixture::writeConfig(const QJsonObject& config)
@@ -162,9 +121,7 @@ void E2eFixture::writeConfig(const QJsonObject& config)
     QJsonObject content = config;
     if (!content.contains(QStringLiteral("android-sdk-path")))
         content.insert(QStringLiteral("android-sdk-path"), QStringLiteral("/usr/lib/android-sdk"));
-    QFile file(path(QStringLiteral("home/config.json")));
-    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(QJsonDocument(content).toJson());
+    TestKit::writeFile(path(QStringLiteral("home/config.json")), QJsonDocument(content).toJson());
 }
 
 QProcessEnvironment E2eFixture::environment() const
@@ -183,19 +140,7 @@ QProcessEnvironment E2eFixture::environment() const
 
 E2eFixture::Result E2eFixture::run(const QString& program, const QStringList& arguments, int timeoutMs) const
 {
-    QProcess process;
-    process.setProcessEnvironment(environment());
-    process.start(program, arguments);
-    Result result;
-    result.finished = process.waitForFinished(timeoutMs);
-    if (!result.finished) {
-        process.kill();
-        process.waitForFinished(5000);
-    }
-    result.exitCode = process.exitCode();
-    result.out = process.readAllStandardOutput();
-    result.err = process.readAllStandardError();
-    return result;
+    return TestKit::run(program, arguments, environment(), timeoutMs);
 }
 
 E2eFixture::Result E2eFixture::kbadbtunneld(const QStringList& arguments, int timeoutMs) const
@@ -233,50 +178,40 @@ QJsonObject E2eFixture::waitForState(const QString& uuid, const QString& state, 
     return entry;
 }
 
+QString E2eFixture::connectInstance(const QString& uuid, const QStringList& options, int timeoutMs) const
+{
+    if (kbadbtunneld(QStringList { QStringLiteral("connect"), uuid } + options).exitCode != 0)
+        return {};
+    return waitForState(uuid, QStringLiteral("CONNECTED"), timeoutMs)
+        .value(QStringLiteral("adb_serial"))
+        .toString();
+}
+
+QByteArray E2eFixture::shell(const QString& serial, const QString& command) const
+{
+    const Result result = adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"), command });
+    return result.exitCode == 0 ? result.out : QByteArray();
+}
+
 QByteArray E2eFixture::log() const
 {
-    QFile file(path(QStringLiteral("home/kbadbtunneld.log")));
-    file.open(QIODevice::ReadOnly);
-    return file.readAll();
+    return TestKit::readFile(path(QStringLiteral("home/kbadbtunneld.log")));
 }
-
-namespace {
-
-QByteArray httpCall(const QUrl& url, const QByteArray& verb, const QByteArray& body, int* status)
-{
-    QNetworkAccessManager manager;
-    manager.setProxy(QNetworkProxy::NoProxy);
-    QNetworkRequest request(url);
-    request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
-    QNetworkReply* reply = manager.sendCustomRequest(request, verb, body);
-    QEventLoop loop;
-    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    QTimer::singleShot(10000, &loop, &QEventLoop::quit);
-    loop.exec();
-    *status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    const QByteArray content = reply->readAll();
-    delete reply;
-    return content;
-}
-
-} // namespace
 
 int E2eFixture::admin(const QString& adminPath, const QJsonObject& body) const
 {
-    int status = 0;
-    httpCall(
-        QUrl(m_ready.value(QStringLiteral("base_url")).toString() + QStringLiteral("/_sim/") + adminPath),
-        "POST", QJsonDocument(body).toJson(QJsonDocument::Compact), &status);
-    return status;
+    return TestKit::http("POST", adminUrl(adminPath), QJsonDocument(body).toJson(QJsonDocument::Compact))
+        .status;
 }
 
 QJsonObject E2eFixture::adminGet(const QString& adminPath) const
 {
-    int status = 0;
-    return QJsonDocument::fromJson(httpCall(QUrl(m_ready.value(QStringLiteral("base_url")).toString()
-                                                 + QStringLiteral("/_sim/") + adminPath),
-                                            "GET", {}, &status))
-        .object();
+    return TestKit::http("GET", adminUrl(adminPath)).json();
+}
+
+QUrl E2eFixture::adminUrl(const QString& adminPath) const
+{
+    return QUrl(m_ready.value(QStringLiteral("base_url")).toString() + QStringLiteral("/_sim/") + adminPath);
 }
 
 QString E2eFixture::makeFile(const QString& name, qint64 size) const

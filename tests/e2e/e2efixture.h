@@ -17,14 +17,7 @@
 class E2eFixture
 {
 public:
-    struct Result
-    {
-        int exitCode = -1;
-        bool finished = false;
-        QByteArray out;
-        QByteArray err;
-        QJsonObject json() const;
-    };
+    using Result = RunResult;
 
     E2eFixture();
     ~E2eFixture();
@@ -45,6 +38,8 @@ public:
 
     void useApiToken();
     void useCredentials(const QString& email, const QString& password);
+    // auth.json with exactly this content, private to the user.
+    void writeAuth(const QJsonObject& auth) const;
     void writeConfig(const QJsonObject& config);
     void setEnv(const QString& name, const QString& value) { m_extraEnv.insert(name, value); }
     QProcessEnvironment environment() const;
@@ -56,6 +51,11 @@ public:
     QJsonObject instance(const QString& uuid) const;
     // Polls "getinstances" until uuid is in state; returns the last entry seen.
     QJsonObject waitForState(const QString& uuid, const QString& state, int timeoutMs = 30000) const;
+    // "connect", then waits for CONNECTED; the tunnel's ADB serial, empty when it never came up.
+    QString connectInstance(const QString& uuid, const QStringList& options = {},
+                            int timeoutMs = 60000) const;
+    // "adb shell command" on serial; its output, empty when it failed.
+    QByteArray shell(const QString& serial, const QString& command) const;
     QByteArray log() const;
     // The pid of the running daemon, from its start line in the log; 0 when none runs.
     qint64 daemonPid() const;
@@ -75,7 +75,8 @@ public:
 private:
     QTemporaryDir m_dir;
     std::unique_ptr<SimProcess> m_simulator;
-    QList<qint64> daemonPids() const;
+
+    QUrl adminUrl(const QString& adminPath) const;
 
     QStringList m_simulatorArguments;
     std::vector<std::unique_ptr<QProcess>> m_helpers;

@@ -35,20 +35,15 @@ private Q_SLOTS:
             // the scripted host does.
             const QString tools = fixture.path(QStringLiteral("sdk/platform-tools"));
             QVERIFY(QDir().mkpath(tools));
-            QFile adb(tools + QStringLiteral("/adb"));
-            QVERIFY(adb.open(QIODevice::WriteOnly));
-            adb.write("#!/bin/sh\ncase \"$*\" in\nconnect*) echo \"connected to $2\" ;;\n"
-                      "*get-state) echo device ;;\nesac\nexit 0\n");
-            adb.close();
-            adb.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+            const QString adb = tools + QStringLiteral("/adb");
+            QVERIFY(TestKit::writeFile(adb,
+                                       "#!/bin/sh\ncase \"$*\" in\nconnect*) echo \"connected to $2\" ;;\n"
+                                       "*get-state) echo device ;;\nesac\nexit 0\n"));
+            QFile::setPermissions(adb, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
             fixture.writeConfig(
                 { { QStringLiteral("android-sdk-path"), fixture.path(QStringLiteral("sdk")) } });
             fixture.useApiToken();
-            const QString uuid = fixture.instanceUuid();
-            QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-            const QString serial = fixture.waitForState(uuid, QStringLiteral("CONNECTED"))
-                                       .value(QStringLiteral("adb_serial"))
-                                       .toString();
+            const QString serial = fixture.connectInstance(fixture.instanceUuid());
             QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
             target = QStringLiteral("127.0.0.1:") + serial.section(QLatin1Char(':'), -1);
         }

@@ -70,13 +70,6 @@ Peer actAsAdbServer(const QHostAddress& from, quint16 port, int waitMs = 10000)
     return peer;
 }
 
-QByteArray shell(const E2eFixture& fixture, const QString& serial)
-{
-    return fixture
-        .adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"), QStringLiteral("echo still mine") })
-        .out;
-}
-
 } // namespace
 
 class TestE2eAdmission : public QObject
@@ -104,10 +97,7 @@ private Q_SLOTS:
         if (allowRemote)
             fixture.setEnv(QStringLiteral("KB_TUNNEL_ALLOW_REMOTE"), QStringLiteral("1"));
         const QString uuid = fixture.instanceUuid();
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        const QString serial = fixture.waitForState(uuid, QStringLiteral("CONNECTED"), 60000)
-                                   .value(QStringLiteral("adb_serial"))
-                                   .toString();
+        const QString serial = fixture.connectInstance(uuid);
         QVERIFY(!serial.isEmpty());
         const quint16 port = quint16(serial.mid(serial.indexOf(QLatin1Char(':')) + 1).toUInt());
         const auto refusalLogged = [&fixture, &remote](const Peer& peer) {
@@ -128,7 +118,8 @@ private Q_SLOTS:
                 QCOMPARE(peer.received, QByteArray());
                 QTRY_VERIFY(refusalLogged(peer));
                 if (!adbServerGone)
-                    QCOMPARE(shell(fixture, serial), QByteArray("still mine\n"));
+                    QCOMPARE(fixture.shell(serial, QStringLiteral("echo still mine")),
+                             QByteArray("still mine\n"));
             }
         } else {
             // The port is served to one peer at a time: right after the ADB server went away the
@@ -147,7 +138,7 @@ private Q_SLOTS:
         fixture.adb({ QStringLiteral("start-server") });
         QTRY_VERIFY_WITH_TIMEOUT(
             fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8() + "\tdevice"), 60000);
-        QCOMPARE(shell(fixture, serial), QByteArray("still mine\n"));
+        QCOMPARE(fixture.shell(serial, QStringLiteral("echo still mine")), QByteArray("still mine\n"));
         QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
                  QStringLiteral("CONNECTED"));
     }

@@ -68,10 +68,7 @@ private Q_SLOTS:
         if (setup == QLatin1String("nocredentials")) {
             fixture.setEnv(QStringLiteral("KESTRELBOX_API_TOKEN"), QString());
         } else if (setup == QLatin1String("badtoken")) {
-            QFile auth(fixture.path(QStringLiteral("home/auth.json")));
-            QVERIFY(auth.open(QIODevice::WriteOnly));
-            auth.write("{\"api_token\": \"wrong\"}");
-            auth.setPermissions(QFile::ReadOwner | QFile::WriteOwner);
+            fixture.writeAuth({ { QStringLiteral("api_token"), QStringLiteral("wrong") } });
         } else {
             fixture.useApiToken();
         }

@@ -31,24 +31,10 @@ QString serialOf(const QJsonObject& entry)
     return entry.value(QStringLiteral("adb_serial")).toString();
 }
 
-QString connectAndWait(const E2eFixture& fixture, const QString& uuid)
-{
-    if (fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode != 0)
-        return {};
-    return serialOf(fixture.waitForState(uuid, QStringLiteral("CONNECTED"), 60000));
-}
-
 bool deviceIsBack(const E2eFixture& fixture, const QString& serial)
 {
     return fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("get-state") }, 30000).out.trimmed()
         == "device";
-}
-
-QByteArray shell(const E2eFixture& fixture, const QString& serial, const QString& command)
-{
-    const E2eFixture::Result result
-        = fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"), command });
-    return result.exitCode == 0 ? result.out : QByteArray();
 }
 
 QString onDevice(const E2eFixture& fixture, const QString& uuid, const QString& path)
@@ -84,7 +70,7 @@ private Q_SLOTS:
         QVERIFY(fixture.startSimulator({ QStringLiteral("--bandwidth-kbps"), BANDWIDTH_KBPS }));
         fixture.useApiToken();
         const QString uuid = fixture.instanceUuid();
-        const QString serial = connectAndWait(fixture, uuid);
+        const QString serial = fixture.connectInstance(uuid);
         QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
 
         const QString local = fixture.makeFile(QStringLiteral("large.bin"), LARGE_FILE);
@@ -140,9 +126,9 @@ private Q_SLOTS:
         QVERIFY(fixture.startSimulator());
         fixture.useApiToken();
         const QString uuid = fixture.instanceUuid();
-        const QString serial = connectAndWait(fixture, uuid);
+        const QString serial = fixture.connectInstance(uuid);
         QVERIFY(!serial.isEmpty());
-        QCOMPARE(shell(fixture, serial, QStringLiteral("echo before")), QByteArray("before\n"));
+        QCOMPARE(fixture.shell(serial, QStringLiteral("echo before")), QByteArray("before\n"));
         const qsizetype connects = fixture.log().count("Connect local ADB to");
 
         QCOMPARE(fixture.adb({ QStringLiteral("kill-server") }).exitCode, 0);
@@ -152,7 +138,7 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(
             fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8() + "\tdevice"), 60000);
         QVERIFY(fixture.log().count("Connect local ADB to") > connects);
-        QCOMPARE(shell(fixture, serial, QStringLiteral("echo after")), QByteArray("after\n"));
+        QCOMPARE(fixture.shell(serial, QStringLiteral("echo after")), QByteArray("after\n"));
         QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
                  QStringLiteral("CONNECTED"));
     }
@@ -163,7 +149,7 @@ private Q_SLOTS:
         QVERIFY(fixture.startSimulator({ QStringLiteral("--bandwidth-kbps"), BANDWIDTH_KBPS }));
         fixture.useApiToken();
         const QString uuid = fixture.instanceUuid();
-        const QString serial = connectAndWait(fixture, uuid);
+        const QString serial = fixture.connectInstance(uuid);
         QVERIFY(!serial.isEmpty());
         const qint64 pid = fixture.daemonPid();
         QVERIFY(pid > 0);
@@ -217,9 +203,9 @@ private Q_SLOTS:
                                          QStringLiteral("restart-token") }));
         QCOMPARE(fixture.instanceUuid(), uuid);
         fixture.useApiToken();
-        QString serial = connectAndWait(fixture, uuid);
+        QString serial = fixture.connectInstance(uuid);
         QVERIFY(!serial.isEmpty());
-        QCOMPARE(shell(fixture, serial, QStringLiteral("echo before")), QByteArray("before\n"));
+        QCOMPARE(fixture.shell(serial, QStringLiteral("echo before")), QByteArray("before\n"));
 
         if (awayUntilFailed) {
             fixture.stopSimulator();
@@ -241,11 +227,11 @@ private Q_SLOTS:
         if (tunnelSuccesses(fixture, uuid) == 1) {
             QVERIFY(fixture.log().contains("Failed to retrieve instance access token:"));
             QVERIFY(!fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8()));
-            serial = connectAndWait(fixture, uuid);
+            serial = fixture.connectInstance(uuid);
             QVERIFY(!serial.isEmpty());
         }
         QTRY_VERIFY_WITH_TIMEOUT(deviceIsBack(fixture, serial), 60000);
-        QCOMPARE(shell(fixture, serial, QStringLiteral("echo after")), QByteArray("after\n"));
+        QCOMPARE(fixture.shell(serial, QStringLiteral("echo after")), QByteArray("after\n"));
     }
 
     // Half of ten tunnels are dropped again and again while the other half push files: those
@@ -306,7 +292,7 @@ private Q_SLOTS:
         for (int i = 0; i < count; ++i) {
             // A dropped tunnel may still be between two attempts when the drops stop.
             QTRY_VERIFY_WITH_TIMEOUT(deviceIsBack(fixture, serials.at(i)), 60000);
-            QTRY_COMPARE_WITH_TIMEOUT(shell(fixture, serials.at(i), QStringLiteral("echo %1").arg(i)),
+            QTRY_COMPARE_WITH_TIMEOUT(fixture.shell(serials.at(i), QStringLiteral("echo %1").arg(i)),
                                       QByteArray::number(i) + "\n", 30000);
         }
         for (int i = 0; i < dropped; ++i)

@@ -17,41 +17,18 @@ struct Proxy
     quint16 port = 0;
     QString logPath;
 
-    QByteArray log() const
-    {
-        QFile file(logPath);
-        file.open(QIODevice::ReadOnly);
-        return file.readAll();
-    }
+    QByteArray log() const { return TestKit::readFile(logPath); }
 };
-
-bool waitForListener(quint16 port)
-{
-    QElapsedTimer timer;
-    timer.start();
-    do {
-        QTcpSocket socket;
-        socket.connectToHost(QHostAddress::LocalHost, port);
-        if (socket.waitForConnected(1000))
-            return true;
-        QThread::msleep(100);
-    } while (timer.elapsed() < 15000);
-    return false;
-}
 
 void writeFile(const QString& path, const QByteArray& content)
 {
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(content);
+    QVERIFY(TestKit::writeFile(path, content));
 }
 
 QByteArray linesOf(const QString& path, const QList<QByteArray>& names)
 {
-    QFile file(path);
-    file.open(QIODevice::ReadOnly);
     QByteArray lines;
-    for (const QByteArray& line : file.readAll().split('\n')) {
+    for (const QByteArray& line : TestKit::readFile(path).split('\n')) {
         if (names.contains(line.left(line.indexOf(':'))))
             lines += line + '\n';
     }
@@ -115,7 +92,7 @@ Proxy startDanted(E2eFixture& fixture, bool withPassword)
                           QStringLiteral("sh"), passwd, shadow }
                 + danted);
     }
-    if (!waitForListener(proxy.port))
+    if (!TestKit::waitForListener(proxy.port))
         proxy.port = 0;
     return proxy;
 }
@@ -137,7 +114,7 @@ Proxy startTinyproxy(E2eFixture& fixture, quint16 platformPort, bool withPasswor
     writeFile(configPath, config);
     fixture.startProcess(QStringLiteral("/usr/bin/tinyproxy"),
                          { QStringLiteral("-d"), QStringLiteral("-c"), configPath });
-    if (!waitForListener(proxy.port))
+    if (!TestKit::waitForListener(proxy.port))
         proxy.port = 0;
     return proxy;
 }
@@ -145,15 +122,6 @@ Proxy startTinyproxy(E2eFixture& fixture, quint16 platformPort, bool withPasswor
 quint16 platformPort(const E2eFixture& fixture)
 {
     return quint16(QUrl(fixture.ready().value(QStringLiteral("base_url")).toString()).port());
-}
-
-QString connectAndWait(E2eFixture& fixture, const QString& uuid)
-{
-    if (fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode != 0)
-        return {};
-    return fixture.waitForState(uuid, QStringLiteral("CONNECTED"), 60000)
-        .value(QStringLiteral("adb_serial"))
-        .toString();
 }
 
 } // namespace
@@ -206,7 +174,7 @@ private Q_SLOTS:
         fixture.writeConfig({ { QStringLiteral("proxy"), url } });
 
         const QString uuid = fixture.instanceUuid();
-        const QString serial = connectAndWait(fixture, uuid);
+        const QString serial = fixture.connectInstance(uuid);
         QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
         QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("getdaemoninfo") })
                      .json()
@@ -251,7 +219,7 @@ private Q_SLOTS:
         QVERIFY(fixture.startSimulator());
         fixture.useApiToken();
         fixture.writeConfig({ { QStringLiteral("proxy"), QStringLiteral("http://proxy host:3128") } });
-        const QString serial = connectAndWait(fixture, fixture.instanceUuid());
+        const QString serial = fixture.connectInstance(fixture.instanceUuid());
         QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
         QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("getdaemoninfo") })
                      .json()

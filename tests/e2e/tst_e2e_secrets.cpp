@@ -32,15 +32,9 @@ private Q_SLOTS:
         fixture.setEnv(QStringLiteral("QT_LOGGING_RULES"), QStringLiteral("*=true"));
         const QString uuid = fixture.instanceUuid();
 
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        const QString serial = fixture.waitForState(uuid, QStringLiteral("CONNECTED"))
-                                   .value(QStringLiteral("adb_serial"))
-                                   .toString();
+        const QString serial = fixture.connectInstance(uuid);
         QVERIFY(!serial.isEmpty());
-        QCOMPARE(
-            fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"), QStringLiteral("echo hi") })
-                .out,
-            QByteArray("hi\n"));
+        QCOMPARE(fixture.shell(serial, QStringLiteral("echo hi")), QByteArray("hi\n"));
         if (!apiToken) {
             // An expired session and a dropped WebSocket: the restarted tunnel logs in again.
             QCOMPARE(fixture.admin(QStringLiteral("expire-sessions")), 200);
@@ -57,7 +51,11 @@ private Q_SLOTS:
                 return count;
             };
             QTRY_VERIFY_WITH_TIMEOUT(logins() >= 2, 30000);
-            fixture.waitForState(uuid, QStringLiteral("CONNECTED"));
+            QTRY_VERIFY_WITH_TIMEOUT(fixture.log().count("Tunnel init successfully for device") >= 2, 30000);
+            QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
+                     QStringLiteral("CONNECTED"));
+            QTRY_COMPARE_WITH_TIMEOUT(fixture.shell(serial, QStringLiteral("echo again")),
+                                      QByteArray("again\n"), 30000);
         }
         QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("disconnect"), uuid }).exitCode, 0);
         QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("stop") }).exitCode, 0);
@@ -84,6 +82,8 @@ private Q_SLOTS:
         }
         secrets.removeAll(QString());
         secrets.removeDuplicates();
+        // The session token went out as a bearer token.
+        QVERIFY(apiToken || QJsonDocument(requests).toJson().contains("Bearer "));
         // The API token, or the password and a session token; and the instance access token.
         QVERIFY2(secrets.size() >= (apiToken ? 2 : 3), qPrintable(secrets.join(QLatin1Char(' '))));
 

@@ -39,16 +39,8 @@ private Q_SLOTS:
         E2eFixture fixture;
         const QString cert = fixture.path(QStringLiteral("cert.pem"));
         const QString key = fixture.path(QStringLiteral("key.pem"));
-        const E2eFixture::Result openssl = fixture.run(
-            QStringLiteral("openssl"),
-            { QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"), QStringLiteral("ec"),
-              QStringLiteral("-pkeyopt"), QStringLiteral("ec_paramgen_curve:prime256v1"),
-              QStringLiteral("-nodes"), QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
-              QStringLiteral("/CN=127.0.0.1"), QStringLiteral("-addext"),
-              QStringLiteral("subjectAltName=IP:127.0.0.1,DNS:localhost"), QStringLiteral("-keyout"), key,
-              QStringLiteral("-out"), cert },
-            30000);
-        QVERIFY2(openssl.exitCode == 0, openssl.err.constData());
+        const QString openssl = TestKit::makeSelfSignedCertificate(fixture.path(QString()));
+        QVERIFY2(openssl.isEmpty(), qPrintable(openssl));
         QVERIFY(
             fixture.startSimulator({ QStringLiteral("--tls-cert"), cert, QStringLiteral("--tls-key"), key }));
         QUrl base(fixture.ready().value(QStringLiteral("base_url")).toString());

@@ -43,10 +43,7 @@ private Q_SLOTS:
         QVERIFY(fixture.startSimulator({ QStringLiteral("--rtt-ms"), QString::number(rttMs),
                                          QStringLiteral("--device-profile"), profile }));
         fixture.useApiToken();
-        const QString uuid = fixture.instanceUuid();
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        const QJsonObject entry = fixture.waitForState(uuid, QStringLiteral("CONNECTED"));
-        const QString serial = entry.value(QStringLiteral("adb_serial")).toString();
+        const QString serial = fixture.connectInstance(fixture.instanceUuid());
         QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
 
         for (const qint64 size : sizes) {
@@ -87,11 +84,7 @@ private Q_SLOTS:
         fixture.setEnv(QStringLiteral("KB_ADBTUNNEL_VERSION"), QString::number(version));
         QVERIFY(fixture.startSimulator());
         fixture.useApiToken();
-        const QString uuid = fixture.instanceUuid();
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        const QString serial = fixture.waitForState(uuid, QStringLiteral("CONNECTED"))
-                                   .value(QStringLiteral("adb_serial"))
-                                   .toString();
+        const QString serial = fixture.connectInstance(fixture.instanceUuid());
         QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
         const auto adb = [&](const QStringList& arguments) {
             return fixture.adb(QStringList { QStringLiteral("-s"), serial } + arguments);
@@ -107,46 +100,25 @@ private Q_SLOTS:
         QCOMPARE(shell.exitCode, 3);
 
         // A streamed install: abb_exec with the APK on the stream.
-        QFile apk(fixture.path(QStringLiteral("demo.apk")));
-        QVERIFY(apk.open(QIODevice::WriteOnly));
-        apk.write("package=com.example.tunnel\n" + QByteArray(200000, 'k'));
-        apk.close();
-        const E2eFixture::Result install = adb({ QStringLiteral("install"), apk.fileName() });
+        const QString apk = fixture.path(QStringLiteral("demo.apk"));
+        QVERIFY(TestKit::writeFile(apk, "package=com.example.tunnel\n" + QByteArray(200000, 'k')));
+        const E2eFixture::Result install = adb({ QStringLiteral("install"), apk });
         QVERIFY2(install.out.contains("Performing Streamed Install\nSuccess"),
                  (install.out + install.err).constData());
         QVERIFY(adb({ QStringLiteral("uninstall"), QStringLiteral("com.example.tunnel") })
                     .out.contains("Success"));
 
         // Both stream directions: the host opens for `adb forward`, the device for `adb reverse`.
-        QTcpServer echo;
-        QVERIFY(echo.listen(QHostAddress::LocalHost, 0));
-        connect(&echo, &QTcpServer::newConnection, this, [&echo] {
-            QTcpSocket* socket = echo.nextPendingConnection();
-            connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->write(socket->readAll()); });
-        });
-        const QString target = QStringLiteral("tcp:%1").arg(echo.serverPort());
+        EchoServer echo;
+        const QString target = echo.adbTarget();
         const quint16 forwarded = E2eFixture::freePort();
         QCOMPARE(adb({ QStringLiteral("forward"), QStringLiteral("tcp:%1").arg(forwarded), target }).exitCode,
                  0);
-        echoThrough(forwarded);
+        QVERIFY(TestKit::echoesThrough(forwarded, 2 * 1024 * 1024, 1));
         const E2eFixture::Result reverse
             = adb({ QStringLiteral("reverse"), QStringLiteral("tcp:0"), target });
         QVERIFY2(reverse.exitCode == 0, (reverse.out + reverse.err).constData());
-        echoThrough(quint16(reverse.out.trimmed().toUInt()));
-    }
-
-private:
-    static void echoThrough(quint16 port)
-    {
-        QByteArray data(2 * 1024 * 1024, Qt::Uninitialized);
-        QRandomGenerator(port).fillRange(reinterpret_cast<quint32*>(data.data()), data.size() / 4);
-        QTcpSocket client;
-        client.connectToHost(QHostAddress::LocalHost, port);
-        QVERIFY(client.waitForConnected(10000));
-        client.write(data);
-        QByteArray back;
-        QTRY_COMPARE_WITH_TIMEOUT((back += client.readAll()).size(), data.size(), 60000);
-        QVERIFY(back == data);
+        QVERIFY(TestKit::echoesThrough(quint16(reverse.out.trimmed().toUInt()), 2 * 1024 * 1024, 2));
     }
 };
 

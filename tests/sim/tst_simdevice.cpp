@@ -1,17 +1,19 @@
 // The emulated device on its raw TCP port, driven by the real adb: the modern profile, and the
 // legacy one for the cases whose dialect differs.
 
-#include "simprocess.h"
+#include "testkit.h"
 
 #include "adbprotocol/AdbPacket.h"
 #include "adbprotocol/PacketReader.h"
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QRandomGenerator>
 #include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtEndian>
 #include <QTest>
@@ -36,7 +38,6 @@ private Q_SLOTS:
     void features_data();
     void features();
     void interactiveShell();
-    void installUninstall();
     void largeFileSize();
     void forwardAndReverse_data();
     void forwardAndReverse();
@@ -46,7 +47,6 @@ private Q_SLOTS:
     void pushPull();
     void sandboxEscape_data();
     void sandboxEscape();
-    void unknownServiceIsRefused();
     void malformedMessages_data();
     void malformedMessages();
     void relayToTcpDevice();
@@ -68,16 +68,9 @@ private:
             = m_adb->run({ QStringLiteral("-s"), serial, QStringLiteral("wait-for-device") }, 60000);
         return waited.exitCode == 0 ? serial : QString();
     }
-    static QByteArray readFile(const QString& path)
-    {
-        QFile file(path);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(unreadable)");
-    }
     static void writeFile(const QString& path, const QByteArray& data)
     {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        QCOMPARE(file.write(data), data.size());
+        QVERIFY(TestKit::writeFile(path, data));
     }
 
     QTemporaryDir m_work;
@@ -176,15 +169,14 @@ void TestSimDevice::commandInput_data()
 void TestSimDevice::commandInput()
 {
     QFETCH(QString, service);
-    QByteArray data(1024 * 1024 + 3, Qt::Uninitialized);
-    QRandomGenerator(11).fillRange(reinterpret_cast<quint32*>(data.data()), data.size() / 4);
+    const QByteArray data = TestKit::randomBytes(1024 * 1024 + 3, 11);
     const QString local = m_work.filePath(QStringLiteral("input.bin"));
     writeFile(local, data);
     const QString remote = QStringLiteral("data/local/tmp/input-%1.bin").arg(QTest::currentDataTag()[0]);
     QProcess process;
     process.setProcessEnvironment(m_adb->environment());
     process.setStandardInputFile(local);
-    process.start(QStringLiteral(KB_ADB_PATH),
+    process.start(TestKit::adbPath(),
                   { QStringLiteral("-s"), m_serial, service, QStringLiteral("cat > ") + remote });
     QVERIFY(process.waitForFinished(60000));
     QCOMPARE(process.exitCode(), 0);
@@ -240,7 +232,7 @@ void TestSimDevice::interactiveShell()
         ::dup2(slave, STDOUT_FILENO);
         ::dup2(slave, STDERR_FILENO);
     });
-    process.start(QStringLiteral(KB_ADB_PATH), { QStringLiteral("-s"), m_serial, QStringLiteral("shell") });
+    process.start(TestKit::adbPath(), { QStringLiteral("-s"), m_serial, QStringLiteral("shell") });
     ::close(slave);
     const auto killAdb = qScopeGuard([&process] {
         process.kill();
@@ -270,21 +262,6 @@ void TestSimDevice::interactiveShell()
     QCOMPARE(process.exitCode(), 5);
 }
 
-void TestSimDevice::installUninstall()
-{
-    // The toy package manager names a streamed APK by its "package=" line.
-    const QString apk = m_work.filePath(QStringLiteral("demo.apk"));
-    writeFile(apk, "package=com.example.sim\n" + QByteArray(300 * 1024, 'k'));
-    const AdbResult installed = adb({ QStringLiteral("install"), QStringLiteral("-r"), apk });
-    QVERIFY2(installed.exitCode == 0 && installed.out.contains("Performing Streamed Install\nSuccess"),
-             installed.out + installed.err);
-    QVERIFY(adb({ QStringLiteral("shell"), QStringLiteral("pm list packages") })
-                .out.contains("package:com.example.sim\n"));
-    const AdbResult removed = adb({ QStringLiteral("uninstall"), QStringLiteral("com.example.sim") });
-    QVERIFY2(removed.out.contains("Success"), removed.out + removed.err);
-    QVERIFY(!adb({ QStringLiteral("uninstall"), QStringLiteral("com.example.sim") }).out.contains("Success"));
-}
-
 void TestSimDevice::largeFileSize()
 {
     // Sparse: nothing near 5 GiB is written. "adb ls" prints sizes in hex.
@@ -309,13 +286,8 @@ void TestSimDevice::forwardAndReverse()
     QFETCH(bool, reverse);
     // An echo server on loopback plays the developer's dev server (reverse) or the device's
     // app (forward): the stream carries 3 MiB each way while both sides write and read.
-    QTcpServer echo;
-    QVERIFY(echo.listen(QHostAddress::LocalHost, 0));
-    connect(&echo, &QTcpServer::newConnection, this, [&echo] {
-        QTcpSocket* socket = echo.nextPendingConnection();
-        connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->write(socket->readAll()); });
-    });
-    const QString target = QStringLiteral("tcp:%1").arg(echo.serverPort());
+    EchoServer echo;
+    const QString target = echo.adbTarget();
     quint16 entry = 0;
     if (reverse) {
         const AdbResult set = adb({ QStringLiteral("reverse"), QStringLiteral("tcp:0"), target });
@@ -324,22 +296,12 @@ void TestSimDevice::forwardAndReverse()
         const QByteArray rule = QStringLiteral("tcp:%1 %2").arg(entry).arg(target).toUtf8();
         QVERIFY(adb({ QStringLiteral("reverse"), QStringLiteral("--list") }).out.contains(rule));
     } else {
-        entry = freeLoopbackPort();
+        entry = TestKit::freeLoopbackPort();
         const AdbResult set = adb({ QStringLiteral("forward"), QStringLiteral("tcp:%1").arg(entry), target });
         QVERIFY2(set.exitCode == 0, set.out + set.err);
     }
 
-    QByteArray data(3 * 1024 * 1024, Qt::Uninitialized);
-    QRandomGenerator(7).fillRange(reinterpret_cast<quint32*>(data.data()), data.size() / 4);
-    QTcpSocket client;
-    client.connectToHost(QHostAddress::LocalHost, entry);
-    QVERIFY(client.waitForConnected(10000));
-    client.write(data);
-    QByteArray back;
-    connect(&client, &QTcpSocket::readyRead, this, [&] { back += client.readAll(); });
-    QTRY_COMPARE_WITH_TIMEOUT(back.size(), data.size(), 60000);
-    QVERIFY(back == data);
-    client.close();
+    QVERIFY(TestKit::echoesThrough(entry, 3 * 1024 * 1024, 7));
 
     if (reverse) {
         const QString rule = QStringLiteral("tcp:%1").arg(entry);
@@ -438,21 +400,19 @@ void TestSimDevice::pushPull()
 {
     QFETCH(bool, legacy);
     QFETCH(qint64, size);
-    QByteArray data(size + 3, Qt::Uninitialized);
-    QRandomGenerator(quint32(size)).fillRange(reinterpret_cast<quint32*>(data.data()), data.size() / 4);
-    data.truncate(size);
+    const QByteArray data = TestKit::randomBytes(size, quint32(size));
     const QString local = m_work.filePath(QStringLiteral("push.bin"));
     writeFile(local, data);
     const QString remote = QStringLiteral("/sdcard/dir %1/file.bin").arg(size);
     const AdbResult pushed = adb({ QStringLiteral("push"), local, remote }, legacy);
     QVERIFY2(pushed.exitCode == 0, pushed.out + pushed.err);
     if (!legacy)
-        QVERIFY(readFile(m_deviceRoot + remote) == data);
+        QVERIFY(TestKit::readFile(m_deviceRoot + remote) == data);
 
     const QString back = m_work.filePath(QStringLiteral("pull.bin"));
     const AdbResult pulled = adb({ QStringLiteral("pull"), remote, back }, legacy);
     QVERIFY2(pulled.exitCode == 0, pulled.out + pulled.err);
-    QVERIFY(readFile(back) == data);
+    QVERIFY(TestKit::readFile(back) == data);
 }
 
 void TestSimDevice::sandboxEscape_data()
@@ -492,14 +452,6 @@ void TestSimDevice::sandboxEscape()
              QByteArray("still serving\n"));
 }
 
-void TestSimDevice::unknownServiceIsRefused()
-{
-    // "reboot:" is a device service this device does not offer.
-    const AdbResult result = adb({ QStringLiteral("reboot") });
-    QVERIFY(result.exitCode != 0);
-    QCOMPARE(adb({ QStringLiteral("shell"), QStringLiteral("echo ok") }).out, QByteArray("ok\n"));
-}
-
 void TestSimDevice::malformedMessages_data()
 {
     const QByteArray cnxn = AdbPacket(AdbPacket::CNXN, 0x01000001, 256 * 1024, "host::").toByteArray();
@@ -521,6 +473,9 @@ void TestSimDevice::malformedMessages_data()
     QTest::newRow("garbage") << QByteArray(100, '\xff') << true;
     QTest::newRow("WRTE to an unknown stream")
         << cnxn + AdbPacket(AdbPacket::WRTE, 7, 99, "data").toByteArray() << false;
+    // "reboot:" is a device service this device does not offer.
+    QTest::newRow("OPEN of a service it lacks")
+        << cnxn + AdbPacket(AdbPacket::OPEN, 7, 0, QByteArray("reboot:\0", 8)).toByteArray() << false;
 }
 
 void TestSimDevice::malformedMessages()
@@ -554,11 +509,8 @@ void TestSimDevice::relayToTcpDevice()
     QVERIFY2(relay.start({ QStringLiteral("--device"), QStringLiteral("tcp:127.0.0.1:%1").arg(m_devicePort) },
                          &error),
              qPrintable(error));
-    const QString serial
-        = QStringLiteral("127.0.0.1:%1").arg(relay.instance().value(QStringLiteral("device_port")).toInt());
-    QVERIFY(m_adb->run({ QStringLiteral("connect"), serial }).out.contains("connected to"));
-    QCOMPARE(m_adb->run({ QStringLiteral("-s"), serial, QStringLiteral("wait-for-device") }, 60000).exitCode,
-             0);
+    const QString serial = connectDevice(relay);
+    QVERIFY(!serial.isEmpty());
     const AdbResult result = m_adb->run(
         { QStringLiteral("-s"), serial, QStringLiteral("shell"), QStringLiteral("getprop ro.serialno") });
     QCOMPARE(result.out, m_sim.instance().value(QStringLiteral("uuid")).toString().toUtf8() + '\n');

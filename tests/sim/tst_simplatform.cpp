@@ -1,15 +1,16 @@
 // The simulator's REST API, admin API and instance WebSockets, with plain Qt clients.
 
-#include "simprocess.h"
+#include "testkit.h"
 
 #include "adbprotocol/AdbPacket.h"
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QSignalSpy>
+#include <QTcpSocket>
 #include <QtEndian>
 #include <QTest>
 #include <QWebSocket>
@@ -20,13 +21,6 @@
 namespace {
 
 const QByteArray API_TOKEN = "test-api-token";
-
-struct HttpResult
-{
-    int status = 0;
-    QNetworkReply::NetworkError error = QNetworkReply::NoError;
-    QJsonObject body;
-};
 
 QByteArray adbMessage(quint32 command, quint32 arg0, quint32 arg1, const QByteArray& payload = QByteArray())
 {
@@ -133,14 +127,11 @@ class TestSimPlatform : public QObject
 
 private Q_SLOTS:
     void initTestCase();
-    void badCommandLine();
     void restErrors_data();
     void restErrors();
     void restFaults();
     void handshake_data();
     void handshake();
-    void adbOverWebSocket_data();
-    void adbOverWebSocket();
     void stopEndsShellsAndSandbox();
     void frameRules_data();
     void frameRules();
@@ -151,8 +142,10 @@ private Q_SLOTS:
 private:
     std::unique_ptr<RawTunnel> openRawTunnel();
     HttpResult http(const QByteArray& verb, const QString& path, const QByteArray& body = QByteArray(),
-                    const QByteArray& apiToken = QByteArray(), int timeoutMs = 0,
-                    const QString& base = QString());
+                    const QByteArray& apiToken = QByteArray(), int timeoutMs = 0)
+    {
+        return TestKit::http(verb, QUrl(m_sim.baseUrl() + path), body, apiToken, timeoutMs);
+    }
     HttpResult admin(const QString& what, const QByteArray& body = "{}")
     {
         return http("POST", QStringLiteral("/_sim/") + what, body);
@@ -160,7 +153,6 @@ private:
     QString accessToken(const SimProcess& sim, int index);
     std::unique_ptr<Tunnel> openTunnel(const SimProcess& sim, int index, int version = 2);
 
-    QNetworkAccessManager m_manager;
     SimProcess m_sim;
     QString m_uuid;
 };
@@ -177,33 +169,14 @@ void TestSimPlatform::initTestCase()
     m_uuid = m_sim.instance().value(QStringLiteral("uuid")).toString();
 }
 
-HttpResult TestSimPlatform::http(const QByteArray& verb, const QString& path, const QByteArray& body,
-                                 const QByteArray& apiToken, int timeoutMs, const QString& base)
-{
-    QNetworkRequest request(QUrl((base.isEmpty() ? m_sim.baseUrl() : base) + path));
-    request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
-    if (!apiToken.isEmpty())
-        request.setRawHeader("x-api-token", apiToken);
-    request.setTransferTimeout(timeoutMs);
-    std::unique_ptr<QNetworkReply> reply(m_manager.sendCustomRequest(request, verb, body));
-    QSignalSpy finished(reply.get(), &QNetworkReply::finished);
-    if (!finished.wait(30000))
-        qWarning("no reply");
-    HttpResult result;
-    result.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    result.error = reply->error();
-    if (reply->isOpen())
-        result.body = QJsonDocument::fromJson(reply->readAll()).object();
-    return result;
-}
-
 QString TestSimPlatform::accessToken(const SimProcess& sim, int index)
 {
     const QString uuid = sim.instance(index).value(QStringLiteral("uuid")).toString();
-    return http("POST", QStringLiteral("/v1/instances/access-token"),
-                "{\"instance_uuid\":\"" + uuid.toLatin1() + "\"}",
-                sim.ready.value(QStringLiteral("api_token")).toString().toLatin1(), 0, sim.baseUrl())
-        .body.value(QStringLiteral("access_token"))
+    return TestKit::http("POST", QUrl(sim.baseUrl() + QStringLiteral("/v1/instances/access-token")),
+                         "{\"instance_uuid\":\"" + uuid.toLatin1() + "\"}",
+                         sim.ready.value(QStringLiteral("api_token")).toString().toLatin1())
+        .json()
+        .value(QStringLiteral("access_token"))
         .toString();
 }
 
@@ -314,7 +287,8 @@ void TestSimPlatform::cloudFaults()
                          .arg(m_uuid, armed)
                          .arg(rate)
                          .toUtf8())
-            .body.value(QStringLiteral("instances"))[0][QStringLiteral("cloud_fault")][QStringLiteral("mode")]
+            .json()
+            .value(QStringLiteral("instances"))[0][QStringLiteral("cloud_fault")][QStringLiteral("mode")]
             .toString();
     };
     std::unique_ptr<RawTunnel> tunnel;
@@ -368,16 +342,6 @@ void TestSimPlatform::cloudFaults()
     }
 }
 
-void TestSimPlatform::badCommandLine()
-{
-    SimProcess sim;
-    QString error;
-    QVERIFY(!sim.start({ QStringLiteral("--instances"), QStringLiteral("0") }, &error));
-    QVERIFY(sim.process().waitForFinished(10000) || sim.process().state() == QProcess::NotRunning);
-    QCOMPARE(sim.process().exitCode(), 1);
-    QVERIFY(error.contains(QLatin1String("--instances")));
-}
-
 void TestSimPlatform::restErrors_data()
 {
     QTest::addColumn<QByteArray>("verb");
@@ -417,7 +381,7 @@ void TestSimPlatform::restErrors()
     QFETCH(int, status);
     const HttpResult result = http(verb, path, body, apiToken);
     QCOMPARE(result.status, status);
-    QVERIFY2(result.body.contains(QStringLiteral("error")), QJsonDocument(result.body).toJson());
+    QVERIFY2(result.json().contains(QStringLiteral("error")), result.body.constData());
 }
 
 void TestSimPlatform::restFaults()
@@ -495,59 +459,13 @@ void TestSimPlatform::handshake()
     }
 }
 
-void TestSimPlatform::adbOverWebSocket_data()
-{
-    QTest::addColumn<int>("version");
-    QTest::newRow("version 1") << 1;
-    QTest::newRow("version 2") << 2;
-}
-
-void TestSimPlatform::adbOverWebSocket()
-{
-    QFETCH(int, version);
-    auto tunnel = openTunnel(m_sim, 0, version);
-    QVERIFY(tunnel);
-    tunnel->socket.sendBinaryMessage(
-        adbMessage(AdbPacket::CNXN, 0x01000001, 256 * 1024, "host::features=shell_v2"));
-    const QByteArray cnxn = tunnel->next();
-    QCOMPARE(AdbPacket::headerWord(cnxn, 0), quint32(AdbPacket::CNXN));
-    QVERIFY(cnxn.mid(24).startsWith("device::ro.product.name="));
-    QVERIFY(cnxn.contains(";features=shell_v2,"));
-
-    // 3 MB of output: at version 1 every write waits for our OKAY, at version 2 the cloud
-    // acknowledges them itself and we send none.
-    const qint64 size = 3000000;
-    tunnel->socket.sendBinaryMessage(adbMessage(
-        AdbPacket::OPEN, 5, 0, QByteArray("exec:head -c ") + QByteArray::number(size) + " /dev/zero\0"));
-    const QByteArray ready = tunnel->next();
-    QCOMPARE(AdbPacket::headerWord(ready, 0), quint32(AdbPacket::OKAY));
-    const quint32 deviceId = AdbPacket::headerWord(ready, 1);
-    QCOMPARE(AdbPacket::headerWord(ready, 2), 5u);
-
-    qint64 received = 0;
-    for (;;) {
-        const QByteArray frame = tunnel->next();
-        QVERIFY2(!frame.isEmpty(), qPrintable(QStringLiteral("stalled after %1 bytes").arg(received)));
-        // One whole ADB message per frame.
-        QCOMPARE(qint64(frame.size()), 24 + qint64(AdbPacket::headerWord(frame, 3)));
-        QCOMPARE(AdbPacket::headerWord(frame, 1), deviceId);
-        if (AdbPacket::headerWord(frame, 0) != AdbPacket::WRTE) {
-            QCOMPARE(AdbPacket::headerWord(frame, 0), quint32(AdbPacket::CLSE));
-            break;
-        }
-        received += frame.size() - 24;
-        if (version == 1)
-            tunnel->socket.sendBinaryMessage(adbMessage(AdbPacket::OKAY, 5, deviceId));
-    }
-    QCOMPARE(received, size);
-}
-
 void TestSimPlatform::stopEndsShellsAndSandbox()
 {
     SimProcess sim;
     QString error;
     QVERIFY2(sim.start({}, &error), qPrintable(error));
-    const QJsonObject state = http("GET", QStringLiteral("/_sim/state"), {}, {}, 0, sim.baseUrl()).body;
+    const QJsonObject state
+        = TestKit::http("GET", QUrl(sim.baseUrl() + QStringLiteral("/_sim/state"))).json();
     const QString sandbox = state.value(QStringLiteral("instances"))[0][QStringLiteral("sandbox")].toString();
     QVERIFY(QFileInfo(sandbox).isDir());
     auto tunnel = openTunnel(sim, 0);

@@ -1,3 +1,5 @@
+#include "testkit.h"
+
 #include "singleinstance/singleinstance.h"
 #include "singleinstance/singleinstanceclient.h"
 #include "singleinstance/singleinstanceutils.h"
@@ -14,15 +16,7 @@
 
 namespace {
 
-// Frames are built by hand here, not through SingleInstanceUtils, so a change to the wire
-// format shows up as a failure rather than as both ends changing together.
-QByteArray frame(const QByteArray& payload)
-{
-    QByteArray bytes(8, '\0');
-    qToBigEndian<qint32>(qint32(payload.size() + 4), bytes.data());
-    qToBigEndian<quint32>(quint32(payload.size()), bytes.data() + 4);
-    return bytes + payload;
-}
+const auto frame = TestKit::localFrame;
 
 QByteArray readRawReply(QLocalSocket& socket)
 {
@@ -70,28 +64,40 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(m_dir->path() + QLatin1Char('/') + md5 + QStringLiteral(".lock")));
     }
 
-    void requestAndReplyAreByteExact()
+    void requestAndReplyAreByteExact_data()
     {
-        QLocalSocket socket;
-        socket.connectToServer(m_instance->getServer()->serverName());
-        QVERIFY(socket.waitForConnected(1000));
-        socket.write(frame("{\"async\":false,\"message\":{\"command\":\"getinstances\"}}"));
-        const QByteArray reply = readRawReply(socket);
-        QCOMPARE(reply, frame("{\"reply\":{\"echo\":\"getinstances\"}}"));
-        QCOMPARE(m_received.size(), 1);
-        QCOMPARE(m_received.first().value(QStringLiteral("command")).toString(),
-                 QStringLiteral("getinstances"));
-        QTRY_COMPARE(socket.state(), QLocalSocket::UnconnectedState);
+        QTest::addColumn<bool>("handler");
+        QTest::addColumn<QByteArray>("request");
+        QTest::addColumn<QByteArray>("reply");
+        QTest::addColumn<QVariantMap>("handled"); // what the handler got; empty: not called
+        QTest::newRow("command") << true
+                                 << QByteArray(R"({"async":false,"message":{"command":"getinstances"}})")
+                                 << QByteArray(R"({"reply":{"echo":"getinstances"}})")
+                                 << QVariantMap { { QStringLiteral("command"),
+                                                    QStringLiteral("getinstances") } };
+        QTest::newRow("missing message is an empty map")
+            << true << QByteArray(R"({"async":false})") << QByteArray(R"({"reply":{"echo":null}})")
+            << QVariantMap();
+        QTest::newRow("heartbeat answered without a handler")
+            << false << QByteArray(R"({"async":false,"message":{"heartbeat":"ping"}})")
+            << QByteArray(R"({"reply":{"heartbeat":"pong"}})") << QVariantMap();
     }
 
-    void heartbeatIsAnsweredWithoutHandler()
+    void requestAndReplyAreByteExact()
     {
-        m_instance->setMessageHandlerFunction({});
+        QFETCH(bool, handler);
+        QFETCH(QByteArray, request);
+        QFETCH(QByteArray, reply);
+        QFETCH(QVariantMap, handled);
+        if (!handler)
+            m_instance->setMessageHandlerFunction({});
         QLocalSocket socket;
         socket.connectToServer(m_instance->getServer()->serverName());
         QVERIFY(socket.waitForConnected(1000));
-        socket.write(frame("{\"async\":false,\"message\":{\"heartbeat\":\"ping\"}}"));
-        QCOMPARE(readRawReply(socket), frame("{\"reply\":{\"heartbeat\":\"pong\"}}"));
+        socket.write(frame(request));
+        QCOMPARE(readRawReply(socket), frame(reply));
+        QCOMPARE(m_received, handler ? QList<QVariantMap> { handled } : QList<QVariantMap>());
+        QTRY_COMPARE(socket.state(), QLocalSocket::UnconnectedState);
     }
 
     void frameArrivingInPiecesIsReadWhole()
@@ -129,17 +135,6 @@ private Q_SLOTS:
         QTRY_COMPARE(socket.state(), QLocalSocket::UnconnectedState);
         QCOMPARE(socket.bytesAvailable(), 0);
         QCOMPARE(m_received.size(), 1);
-    }
-
-    void missingMessageIsAnEmptyMap()
-    {
-        QLocalSocket socket;
-        socket.connectToServer(m_instance->getServer()->serverName());
-        QVERIFY(socket.waitForConnected(1000));
-        socket.write(frame("{\"async\":false}"));
-        QCOMPARE(readRawReply(socket), frame("{\"reply\":{\"echo\":null}}"));
-        QCOMPARE(m_received.size(), 1);
-        QVERIFY(m_received.first().isEmpty());
     }
 
     void badInputIsDroppedAndServingGoesOn_data()

@@ -5,12 +5,19 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QNetworkAccessManager>
+#include <QNetworkProxy>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QtEndian>
 #include <QTest>
 
 #include <csignal>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 
 namespace {
 bool listens(quint16 port)
@@ -38,9 +45,167 @@ QByteArray TestKit::sha256(const QString& file)
     return hash.result().toHex();
 }
 
+QByteArray TestKit::readFile(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QByteArray TestKit::randomBytes(qsizetype size, quint32 seed)
+{
+    QByteArray bytes(size + 3, Qt::Uninitialized);
+    QRandomGenerator(seed).fillRange(reinterpret_cast<quint32*>(bytes.data()), bytes.size() / 4);
+    bytes.truncate(size);
+    return bytes;
+}
+
+bool TestKit::echoesThrough(quint16 port, qsizetype size, quint32 seed)
+{
+    const QByteArray data = randomBytes(size, seed);
+    QTcpSocket client;
+    client.connectToHost(QHostAddress::LocalHost, port);
+    if (!client.waitForConnected(10000))
+        return false;
+    client.write(data);
+    QByteArray back;
+    return QTest::qWaitFor([&] { return (back += client.readAll()).size() >= data.size(); }, 60000)
+        && back == data;
+}
+
+EchoServer::EchoServer()
+{
+    listen(QHostAddress::LocalHost, 0);
+    connect(this, &QTcpServer::newConnection, this, [this] {
+        QTcpSocket* socket = nextPendingConnection();
+        connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->write(socket->readAll()); });
+    });
+}
+
+bool TestKit::writeFile(const QString& path, const QByteArray& content)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size();
+}
+
+int TestKit::fileMode(const QString& path)
+{
+    struct stat info = {};
+    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
+}
+
+bool TestKit::waitForListener(quint16 port, int timeoutMs)
+{
+    return QTest::qWaitFor([port] { return listens(port); }, timeoutMs);
+}
+
+QByteArray TestKit::localFrame(const QByteArray& payload)
+{
+    QByteArray bytes(8, '\0');
+    qToBigEndian<qint32>(qint32(payload.size() + 4), bytes.data());
+    qToBigEndian<quint32>(quint32(payload.size()), bytes.data() + 4);
+    return bytes + payload;
+}
+
 QString TestKit::adbPath()
 {
     return QStringLiteral("/usr/lib/android-sdk/platform-tools/adb");
+}
+
+QJsonObject RunResult::json() const
+{
+    return QJsonDocument::fromJson(out).object();
+}
+
+QJsonObject RunResult::errorJson() const
+{
+    return QJsonDocument::fromJson(err).object();
+}
+
+QJsonObject HttpResult::json() const
+{
+    return QJsonDocument::fromJson(body).object();
+}
+
+RunResult TestKit::run(const QString& program, const QStringList& arguments, const QProcessEnvironment& env,
+                       int timeoutMs)
+{
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.start(program, arguments);
+    RunResult result;
+    result.finished = process.waitForFinished(timeoutMs);
+    if (!result.finished) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+    result.exitStatus = process.exitStatus();
+    result.exitCode = result.finished && result.exitStatus == QProcess::NormalExit ? process.exitCode() : -1;
+    result.out = process.readAllStandardOutput();
+    result.err = result.finished ? process.readAllStandardError() : QByteArray("timed out");
+    return result;
+}
+
+QList<qint64> TestKit::daemonPids(const QByteArray& log)
+{
+    static const QRegularExpression started(
+        QStringLiteral("\\[kbadbtunneld:(\\d+):[^\\]]*\\] \\[debug\\] ==== SERVER starting"));
+    QList<qint64> pids;
+    auto it = started.globalMatch(QString::fromUtf8(log));
+    while (it.hasNext()) {
+        const qint64 pid = it.next().captured(1).toLongLong();
+        if (pid > 0)
+            pids.append(pid);
+    }
+    return pids;
+}
+
+bool TestKit::processAlive(qint64 pid)
+{
+    return pid > 0 && ::kill(pid_t(pid), 0) == 0;
+}
+
+void TestKit::killDaemons(const QByteArray& log)
+{
+    for (const qint64 pid : daemonPids(log)) {
+        if (processAlive(pid))
+            ::kill(pid_t(pid), SIGKILL);
+    }
+}
+
+HttpResult TestKit::http(const QByteArray& verb, const QUrl& url, const QByteArray& body,
+                         const QByteArray& apiToken, int timeoutMs)
+{
+    QNetworkAccessManager manager;
+    manager.setProxy(QNetworkProxy::NoProxy);
+    QNetworkRequest request(url);
+    request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
+    if (!apiToken.isEmpty())
+        request.setRawHeader("x-api-token", apiToken);
+    request.setTransferTimeout(timeoutMs);
+    std::unique_ptr<QNetworkReply> reply(manager.sendCustomRequest(request, verb, body));
+    QSignalSpy finished(reply.get(), &QNetworkReply::finished);
+    if (!reply->isFinished() && !finished.wait(30000))
+        qWarning("no HTTP reply from %s", qPrintable(url.toString()));
+    HttpResult result;
+    result.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    result.error = reply->error();
+    if (reply->isOpen())
+        result.body = reply->readAll();
+    return result;
+}
+
+QString TestKit::makeSelfSignedCertificate(const QString& dir)
+{
+    const RunResult openssl = run(
+        QStringLiteral("openssl"),
+        { QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"), QStringLiteral("ec"),
+          QStringLiteral("-pkeyopt"), QStringLiteral("ec_paramgen_curve:prime256v1"),
+          QStringLiteral("-nodes"), QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
+          QStringLiteral("/CN=127.0.0.1"), QStringLiteral("-addext"),
+          QStringLiteral("subjectAltName=IP:127.0.0.1,DNS:localhost"), QStringLiteral("-keyout"),
+          dir + QStringLiteral("/key.pem"), QStringLiteral("-out"), dir + QStringLiteral("/cert.pem") },
+        QProcessEnvironment::systemEnvironment(), 30000);
+    return openssl.exitCode == 0 ? QString() : QString::fromUtf8(openssl.err);
 }
 
 bool SimProcess::start(const QStringList& arguments, QString* error)
@@ -136,20 +301,7 @@ void AdbServer::applyToThisProcess() const
 
 AdbResult AdbServer::run(const QStringList& arguments, int timeoutMs) const
 {
-    QProcess process;
-    process.setProcessEnvironment(environment());
-    process.start(TestKit::adbPath(), arguments);
-    AdbResult result;
-    if (!process.waitForFinished(timeoutMs)) {
-        process.kill();
-        process.waitForFinished(5000);
-        result.err = "timed out";
-        return result;
-    }
-    result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    result.out = process.readAllStandardOutput();
-    result.err = process.readAllStandardError();
-    return result;
+    return TestKit::run(TestKit::adbPath(), arguments, environment(), timeoutMs);
 }
 
 void AdbServer::stop()

@@ -1,22 +1,85 @@
 #pragma once
 
-// What the tests that run real programs share: free loopback ports, checksums, the platform
-// simulator as a process, and the real adb on a server of the test's own (never the user's 5037,
-// never the user's ~/.android).
+// What the tests that run real programs share: free loopback ports, checksums, a process runner,
+// the daemon's log, HTTP calls, a self-signed certificate, the platform simulator as a process,
+// and the real adb on a server of the test's own (never the user's 5037, never ~/.android).
 
 #include <QJsonObject>
+#include <QNetworkReply>
 #include <QProcess>
 #include <QStringList>
+#include <QTcpServer>
 #include <QTemporaryDir>
+
+// What a program run to its end left behind. exitCode is -1 when it crashed or was killed for
+// overrunning its time.
+struct RunResult
+{
+    int exitCode = -1;
+    QProcess::ExitStatus exitStatus = QProcess::NormalExit;
+    bool finished = false;
+    QByteArray out;
+    QByteArray err;
+    QJsonObject json() const;
+    QJsonObject errorJson() const;
+};
+using AdbResult = RunResult;
+
+struct HttpResult
+{
+    int status = 0;
+    QNetworkReply::NetworkError error = QNetworkReply::NoError;
+    QByteArray body;
+    QJsonObject json() const;
+};
 
 namespace TestKit {
 // A loopback port that was free a moment ago.
 quint16 freeLoopbackPort();
 // SHA-256 of a file's content, in hex; empty when the file cannot be read.
 QByteArray sha256(const QString& file);
+// size pseudo-random bytes, the same for the same seed.
+QByteArray randomBytes(qsizetype size, quint32 seed);
+// Sends size pseudo-random bytes to the loopback port while reading what comes back, with the
+// event loop running (the echoing end may live in this thread); true when all came back intact.
+bool echoesThrough(quint16 port, qsizetype size, quint32 seed);
+// A file's content; empty when it cannot be read.
+QByteArray readFile(const QString& path);
+// Replaces path's content; false when it cannot be written.
+bool writeFile(const QString& path, const QByteArray& content);
+// The permission bits of path (st_mode & 07777); -1 when it does not exist.
+int fileMode(const QString& path);
+// Whether something accepts connections on the loopback port within timeoutMs.
+bool waitForListener(quint16 port, int timeoutMs = 15000);
+// A frame of the daemon's local socket, built by hand so that a change to the wire format fails
+// the tests instead of changing both ends together.
+QByteArray localFrame(const QByteArray& payload);
 // Debian's adb.
 QString adbPath();
+// Runs program to its end (killed after timeoutMs).
+RunResult run(const QString& program, const QStringList& arguments, const QProcessEnvironment& env,
+              int timeoutMs = 60000);
+// The pids of every kbadbtunneld that logged its start in log, oldest first.
+QList<qint64> daemonPids(const QByteArray& log);
+bool processAlive(qint64 pid);
+// SIGKILL to every daemon of log that still runs: a test's last resort after "stop".
+void killDaemons(const QByteArray& log);
+// One HTTP request, never through a proxy; status 0 when no answer came.
+HttpResult http(const QByteArray& verb, const QUrl& url, const QByteArray& body = QByteArray(),
+                const QByteArray& apiToken = QByteArray(), int timeoutMs = 0);
+// dir/cert.pem and dir/key.pem: an EC certificate for 127.0.0.1 and localhost, valid two days.
+// Empty on success, else what openssl said.
+QString makeSelfSignedCertificate(const QString& dir);
 } // namespace TestKit
+
+// A loopback server that sends back whatever its clients send: the far end of forwarded streams.
+class EchoServer : public QTcpServer
+{
+public:
+    EchoServer();
+    // The server as adb names it in "forward" and "reverse" rules.
+    QString adbTarget() const { return QStringLiteral("tcp:%1").arg(serverPort()); }
+};
 
 // kbplatform-sim as a child process; the destructor stops it.
 class SimProcess
@@ -40,13 +103,6 @@ public:
 private:
     QProcess m_process;
     QString m_logFile;
-};
-
-struct AdbResult
-{
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
 };
 
 // The real adb, always on a server port of the test's own and with its keys in a private home

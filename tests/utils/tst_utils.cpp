@@ -1,3 +1,5 @@
+#include "testkit.h"
+
 #include "utils/envvars.h"
 #include "utils/filepermissions.h"
 #include "utils/loghandler.h"
@@ -6,16 +8,6 @@
 #include <QtTest>
 
 #include <sys/stat.h>
-
-namespace {
-
-int modeOf(const QString& path)
-{
-    struct stat info = {};
-    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
-}
-
-} // namespace
 
 class TestUtils : public QObject
 {
@@ -137,20 +129,20 @@ private Q_SLOTS:
 
         // Every directory the call creates is private; one that existed keeps its mode.
         QVERIFY(QDir().mkdir(dir.filePath(QStringLiteral("shared"))));
-        QCOMPARE(modeOf(dir.filePath(QStringLiteral("shared"))), 0777);
+        QCOMPARE(TestKit::fileMode(dir.filePath(QStringLiteral("shared"))), 0777);
         QVERIFY(FilePermissions::makePrivatePath(dir.filePath(QStringLiteral("shared/a/b"))));
-        QCOMPARE(modeOf(dir.filePath(QStringLiteral("shared"))), 0777);
-        QCOMPARE(modeOf(dir.filePath(QStringLiteral("shared/a"))), 0700);
-        QCOMPARE(modeOf(dir.filePath(QStringLiteral("shared/a/b"))), 0700);
+        QCOMPARE(TestKit::fileMode(dir.filePath(QStringLiteral("shared"))), 0777);
+        QCOMPARE(TestKit::fileMode(dir.filePath(QStringLiteral("shared/a"))), 0700);
+        QCOMPARE(TestKit::fileMode(dir.filePath(QStringLiteral("shared/a/b"))), 0700);
         QVERIFY(FilePermissions::makePrivatePath(dir.filePath(QStringLiteral("shared/a/b"))));
 
         const QString file = dir.filePath(QStringLiteral("shared/a/b/f"));
         QVERIFY(FilePermissions::createPrivateFile(file));
-        QCOMPARE(modeOf(file), 0600);
+        QCOMPARE(TestKit::fileMode(file), 0600);
         QVERIFY(FilePermissions::createPrivateFile(file));
         QCOMPARE(::chmod(QFile::encodeName(file).constData(), 0644), 0);
         QVERIFY(FilePermissions::createPrivateFile(file));
-        QCOMPARE(modeOf(file), 0644);
+        QCOMPARE(TestKit::fileMode(file), 0644);
 
         // A file in the way, or a parent that cannot be created, is a failure, not a crash.
         QVERIFY(!FilePermissions::makePrivatePath(file));
