@@ -33,6 +33,18 @@ E2eFixture::~E2eFixture()
     stopSimulator();
 }
 
+qint64 E2eFixture::memoryOf(qint64 pid, const QByteArray& field)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith(field + ':'))
+            return line.mid(field.size() + 1).trimmed().split(' ').first().toLongLong() * 1024;
+    }
+    return -1;
+}
+
 qint64 E2eFixture::daemonPid() const
 {
     const QList<qint64> pids = TestKit::daemonPids(log());

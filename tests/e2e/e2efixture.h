@@ -59,6 +59,8 @@ public:
     QByteArray log() const;
     // The pid of the running daemon, from its start line in the log; 0 when none runs.
     qint64 daemonPid() const;
+    // "VmRSS" or "VmHWM" (the peak) of a process, in bytes; -1 when it cannot be read.
+    static qint64 memoryOf(qint64 pid, const QByteArray& field);
 
     // Starts a helper program (a proxy, say) that the destructor stops after the daemon.
     QProcess* startProcess(const QString& program, const QStringList& arguments);

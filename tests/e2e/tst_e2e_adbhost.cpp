@@ -1,7 +1,8 @@
 // The scripted ADB host (tests/tools/adbhost.py) against the emulated device, straight and through
-// a version 1 tunnel, with and without delayed_ack: files arrive byte for byte and the shell's
-// output and exit status come back. Where the device offers delayed_ack too, the host must have
-// used the windows it negotiated.
+// a tunnel of either version, with and without delayed_ack: files arrive byte for byte and the
+// shell's output and exit status come back. Where the device offers delayed_ack too, the host must
+// have used the windows it negotiated; a version 2 tunnel acknowledges writes itself, so it must
+// not let the device offer it.
 #include "e2efixture.h"
 
 #include <QtTest>
@@ -13,24 +14,25 @@ class TestE2eAdbHost : public QObject
 private Q_SLOTS:
     void scriptedHost_data()
     {
-        QTest::addColumn<bool>("throughTunnel");
+        QTest::addColumn<int>("tunnelVersion"); // 0: straight to the device
         QTest::addColumn<bool>("delayedAck");
-        QTest::newRow("device, classic") << false << false;
-        QTest::newRow("device, delayed_ack") << false << true;
-        QTest::newRow("v1 tunnel, classic") << true << false;
-        QTest::newRow("v1 tunnel, delayed_ack") << true << true;
+        QTest::newRow("device, classic") << 0 << false;
+        QTest::newRow("device, delayed_ack") << 0 << true;
+        QTest::newRow("v1 tunnel, classic") << 1 << false;
+        QTest::newRow("v1 tunnel, delayed_ack") << 1 << true;
+        QTest::newRow("v2 tunnel, delayed_ack") << 2 << true;
     }
 
     void scriptedHost()
     {
-        QFETCH(bool, throughTunnel);
+        QFETCH(int, tunnelVersion);
         QFETCH(bool, delayedAck);
 
         E2eFixture fixture;
-        fixture.setEnv(QStringLiteral("KB_ADBTUNNEL_VERSION"), QStringLiteral("1"));
+        fixture.setEnv(QStringLiteral("KB_ADBTUNNEL_VERSION"), QString::number(qMax(tunnelVersion, 1)));
         QVERIFY(fixture.startSimulator());
         QString target = QStringLiteral("127.0.0.1:%1").arg(fixture.devicePort());
-        if (throughTunnel) {
+        if (tunnelVersion > 0) {
             // The daemon's adb only pretends: no ADB server takes the tunnel's one client place,
             // the scripted host does.
             const QString tools = fixture.path(QStringLiteral("sdk/platform-tools"));
@@ -63,10 +65,11 @@ private Q_SLOTS:
         QVERIFY2(push.exitCode == 0, (push.out + push.err + fixture.log().right(3000)).constData());
         const QJsonObject pushed = push.json();
         QCOMPARE(pushed.value(QStringLiteral("sha256")).toString().toLatin1(), sha);
-        const bool negotiated = delayedAck
-            && pushed.value(QStringLiteral("device_features"))
-                   .toArray()
-                   .contains(QStringLiteral("delayed_ack"));
+        const bool offered = pushed.value(QStringLiteral("device_features"))
+                                 .toArray()
+                                 .contains(QStringLiteral("delayed_ack"));
+        QCOMPARE(offered, tunnelVersion != 2); // the emulated device offers it
+        const bool negotiated = delayedAck && offered;
         QCOMPARE(pushed.value(QStringLiteral("delayed_ack")).toBool(), negotiated);
         if (negotiated) // several writes in flight: the window was used, not one OKAY per WRTE
             QVERIFY(pushed.value(QStringLiteral("max_in_flight_writes")).toInt() > 1);

@@ -43,19 +43,6 @@ QString connectAndWait(const E2eFixture& fixture, const QString& uuid)
         .toString();
 }
 
-// "VmRSS" or "VmHWM" (the peak) of a process, in bytes; -1 when it cannot be read.
-qint64 memoryOf(qint64 pid, const QByteArray& field)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith(field + ':'))
-            return line.mid(field.size() + 1).trimmed().split(' ').first().toLongLong() * 1024;
-    }
-    return -1;
-}
-
 bool deviceIsBack(const E2eFixture& fixture, const QString& serial)
 {
     return fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("get-state") }, 30000).out.trimmed()
@@ -125,7 +112,7 @@ private Q_SLOTS:
         QCOMPARE(result.at(0).toLongLong(), size);
         QCOMPARE(result.at(1), expected);
 
-        const qint64 peak = memoryOf(m_pid, "VmHWM");
+        const qint64 peak = E2eFixture::memoryOf(m_pid, "VmHWM");
         qInfo("daemon peak RSS after %lld MiB to a 24 MB/s reader: %.1f MiB", size / MiB, double(peak) / MiB);
         if (!SANITIZED)
             QVERIFY2(peak <= 96 * MiB, qPrintable(QString::number(double(peak) / MiB)));
@@ -143,7 +130,7 @@ private Q_SLOTS:
         QCOMPARE(m_fixture.adb({ QStringLiteral("-s"), m_serial, QStringLiteral("pull"), remote, pulled })
                      .exitCode,
                  0);
-        const qint64 start = memoryOf(m_pid, "VmRSS");
+        const qint64 start = E2eFixture::memoryOf(m_pid, "VmRSS");
 
         for (int i = 0; i < pulls; ++i) {
             QFile::remove(pulled);
@@ -165,7 +152,7 @@ private Q_SLOTS:
             QTRY_VERIFY_WITH_TIMEOUT(deviceIsBack(m_fixture, m_serial), 60000);
         }
 
-        const qint64 end = memoryOf(m_pid, "VmRSS");
+        const qint64 end = E2eFixture::memoryOf(m_pid, "VmRSS");
         qInfo("daemon RSS: %.1f MiB before %d interrupted pulls and 3 adb server restarts, %.1f MiB after",
               double(start) / MiB, pulls, double(end) / MiB);
         if (!SANITIZED)
@@ -236,10 +223,10 @@ private Q_SLOTS:
         // A first round settles what the first connections allocate for good.
         for (int i = 0; i < 200; ++i)
             QVERIFY2(exchange(), qPrintable(QString::number(i)));
-        const qint64 start = memoryOf(pid, "VmRSS");
+        const qint64 start = E2eFixture::memoryOf(pid, "VmRSS");
         for (int i = 0; i < connections; ++i)
             QVERIFY2(exchange(), qPrintable(QString::number(i)));
-        const qint64 end = memoryOf(pid, "VmRSS");
+        const qint64 end = E2eFixture::memoryOf(pid, "VmRSS");
         qInfo("daemon RSS: %.1f MiB before %d short forward connections at version 1, %.1f MiB after",
               double(start) / MiB, connections, double(end) / MiB);
         if (!SANITIZED)
