@@ -2,6 +2,8 @@
 // and streams the ADB server gives up on, or whole ADB servers that go, leave no memory behind.
 #include "e2efixture.h"
 
+#include <QEventLoop>
+#include <QTimer>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QtTest>
@@ -203,20 +205,22 @@ private Q_SLOTS:
             0);
 
         const QByteArray payload(1024, 'e');
+        // Driven by the socket's own signals: QTest::qWaitFor sleeps in steps that would cost
+        // more than the exchange itself.
         auto exchange = [&] {
             QTcpSocket client;
-            client.connectToHost(QHostAddress::LocalHost, local);
-            if (!client.waitForConnected(10000))
-                return false;
-            client.write(payload);
             QByteArray back;
-            if (!QTest::qWaitFor(
-                    [&] {
-                        back += client.readAll();
-                        return back.size() >= payload.size();
-                    },
-                    10000))
-                return false;
+            QEventLoop loop;
+            QTimer::singleShot(10000, &loop, &QEventLoop::quit);
+            connect(&client, &QTcpSocket::connected, &loop, [&] { client.write(payload); });
+            connect(&client, &QTcpSocket::readyRead, &loop, [&] {
+                back += client.readAll();
+                if (back.size() >= payload.size())
+                    loop.quit();
+            });
+            connect(&client, &QTcpSocket::errorOccurred, &loop, &QEventLoop::quit);
+            client.connectToHost(QHostAddress::LocalHost, local);
+            loop.exec();
             client.disconnectFromHost();
             return back == payload;
         };
