@@ -10,7 +10,9 @@ class AbstractAdbTunnel : public QObject
 {
     Q_OBJECT
 public:
-    enum Error {
+    // A fixed underlying type: an error number from elsewhere that no name matches stays a valid
+    // value (the controller treats it as not restartable).
+    enum Error : int {
         AuthenticationError = 0,
         DisconnectionError = 1,
         BridgeBusyPortError = 2,

@@ -305,7 +305,7 @@ bool WebSocket::deliverFrame(const WebSocketFrame& frame)
         return true;
     case WebSocketFrame::Close:
         if (!m_closeSent) {
-            m_closeCode = frame.closeCode();
+            m_closeCode = frame.closeCodeValue();
             m_closeReason = frame.closeReason();
             // rfc6455 5.5.1: echo the status code, then the TCP connection may go.
             const QByteArray reply = frame.payload.size() >= 2 ? frame.payload.left(2) : QByteArray();
@@ -544,7 +544,7 @@ qint64 WebSocket::bytesToWrite() const
 
 QWebSocketProtocol::CloseCode WebSocket::closeCode() const
 {
-    return m_closeCode;
+    return static_cast<QWebSocketProtocol::CloseCode>(m_closeCode);
 }
 
 QString WebSocket::closeReason() const

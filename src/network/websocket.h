@@ -125,7 +125,9 @@ private:
     QAbstractSocket::SocketState m_state = QAbstractSocket::UnconnectedState;
     QAbstractSocket::SocketError m_error = QAbstractSocket::UnknownSocketError;
     QString m_errorString;
-    QWebSocketProtocol::CloseCode m_closeCode = QWebSocketProtocol::CloseCodeNormal;
+    // Held as a number: peers may send application codes (4000-4999) that the enumeration does
+    // not name, and an enumeration variable may not hold them.
+    quint16 m_closeCode = QWebSocketProtocol::CloseCodeNormal;
     QString m_closeReason;
     bool m_closeSent = false;
     bool m_failed = false; // the connection is being dropped: deliver nothing more

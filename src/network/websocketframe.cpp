@@ -19,9 +19,14 @@ int headerSizeFor(quint8 secondByte)
 
 QWebSocketProtocol::CloseCode WebSocketFrame::closeCode() const
 {
+    return static_cast<QWebSocketProtocol::CloseCode>(closeCodeValue());
+}
+
+quint16 WebSocketFrame::closeCodeValue() const
+{
     if (payload.size() < 2)
         return QWebSocketProtocol::CloseCodeNormal;
-    return QWebSocketProtocol::CloseCode(qFromBigEndian<quint16>(payload.constData()));
+    return qFromBigEndian<quint16>(payload.constData());
 }
 
 QString WebSocketFrame::closeReason() const

@@ -30,6 +30,7 @@ struct WebSocketFrame
     // For Close frames (rfc6455 5.5.1): the status code, CloseCodeNormal when the payload carries
     // none (the peer is then answered with an empty Close), and the UTF-8 reason.
     QWebSocketProtocol::CloseCode closeCode() const;
+    quint16 closeCodeValue() const; // the same as a number, for codes the enumeration does not name
     QString closeReason() const;
 
     // The frame's bytes on the wire. A client masks everything it sends with a fresh key

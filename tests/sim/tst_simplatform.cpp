@@ -328,7 +328,13 @@ void TestSimPlatform::cloudFaults()
             received += chunk.size();
         }
         const qint64 rss = residentBytes(m_sim.process().processId());
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        // A sanitizer's shadow memory dwarfs the simulator's own: only print it.
+        qInfo("simulator RSS %lld bytes after 64 MiB of one frame (not checked under a sanitizer)", rss);
+        QVERIFY(rss > 0);
+#else
         QVERIFY2(rss > 0 && rss < 128 * 1024 * 1024, qPrintable(QString::number(rss)));
+#endif
     } else if (mode == QLatin1String("endless-fragments")) {
         for (int frame = 0; frame < 40; ++frame) {
             const QByteArray header = tunnel->read(10);

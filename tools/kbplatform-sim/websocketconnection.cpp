@@ -125,7 +125,7 @@ void WebSocketConnection::handle(WebSocketFrame frame)
         break;
     case WebSocketFrame::Close:
         // RFC 6455 7.1.5: a close without a status code counts as 1005.
-        m_closeCode = frame.payload.size() >= 2 ? int(frame.closeCode())
+        m_closeCode = frame.payload.size() >= 2 ? int(frame.closeCodeValue())
                                                 : int(QWebSocketProtocol::CloseCodeMissingStatusCode);
         m_closeReason = frame.closeReason();
         // RFC 6455 5.5.1: answer with a close echoing the code; the server then ends TCP.
