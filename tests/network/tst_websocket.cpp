@@ -74,8 +74,10 @@ private Q_SLOTS:
             = std::make_unique<QWebSocketServer>(QStringLiteral("test"), QWebSocketServer::NonSecureMode);
         QVERIFY(m_server->listen(QHostAddress::LocalHost));
         m_peer = nullptr;
-        connect(m_server.get(), &QWebSocketServer::newConnection, this,
-                [this] { m_peer = m_server->nextPendingConnection(); });
+        connect(m_server.get(), &QWebSocketServer::newConnection, this, [this] {
+            m_peer = m_server->nextPendingConnection();
+            m_peer->setParent(m_server.get()); // handed out without an owner
+        });
         m_client = std::make_unique<WebSocket>(QString(), QWebSocketProtocol::Version13, nullptr);
     }
 
