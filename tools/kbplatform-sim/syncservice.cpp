@@ -153,23 +153,29 @@ void SyncService::handleStat(const QByteArray& path)
     send(statReply(SyncParser::STAT, found ? &st : nullptr));
 }
 
-void SyncService::handleList(const QByteArray& path)
+void SyncService::forEachEntry(
+    const QByteArray& path, const std::function<void(const QByteArray& name, const struct stat& st)>& visit)
 {
     QString error;
     const QString hostPath = m_sandbox.resolve(path, &error);
-    if (!hostPath.isEmpty()) {
-        const QDir dir(hostPath);
-        const QStringList names = dir.entryList(QDir::AllEntries | QDir::Hidden | QDir::System, QDir::Name);
-        for (const QString& name : names) {
-            struct stat st;
-            if (::lstat(QFile::encodeName(dir.filePath(name)).constData(), &st) != 0)
-                continue;
-            const QByteArray encoded = QFile::encodeName(name);
-            QByteArray dent = statReply(SyncParser::DENT, &st) + QByteArray(4, '\0') + encoded;
-            qToLittleEndian(quint32(encoded.size()), dent.data() + 16);
-            send(dent);
-        }
+    if (hostPath.isEmpty())
+        return;
+    const QDir dir(hostPath);
+    const QStringList names = dir.entryList(QDir::AllEntries | QDir::Hidden | QDir::System, QDir::Name);
+    for (const QString& name : names) {
+        struct stat st;
+        if (::lstat(QFile::encodeName(dir.filePath(name)).constData(), &st) == 0)
+            visit(QFile::encodeName(name), st);
     }
+}
+
+void SyncService::handleList(const QByteArray& path)
+{
+    forEachEntry(path, [this](const QByteArray& name, const struct stat& st) {
+        QByteArray dent = statReply(SyncParser::DENT, &st) + QByteArray(4, '\0') + name;
+        qToLittleEndian(quint32(name.size()), dent.data() + 16);
+        send(dent);
+    });
     send(statReply(SyncParser::DONE, nullptr) + QByteArray(4, '\0'));
 }
 
@@ -188,17 +194,9 @@ void SyncService::handleStat2(quint32 id, const QByteArray& path)
 
 void SyncService::handleList2(const QByteArray& path)
 {
-    QString error;
-    const QString hostPath = m_sandbox.resolve(path, &error);
-    if (!hostPath.isEmpty()) {
-        const QDir dir(hostPath);
-        const QStringList names = dir.entryList(QDir::AllEntries | QDir::Hidden | QDir::System, QDir::Name);
-        for (const QString& name : names) {
-            struct stat st;
-            if (::lstat(QFile::encodeName(dir.filePath(name)).constData(), &st) == 0)
-                send(dent2(SyncParser::DNT2, &st, QFile::encodeName(name)));
-        }
-    }
+    forEachEntry(path, [this](const QByteArray& name, const struct stat& st) {
+        send(dent2(SyncParser::DNT2, &st, name));
+    });
     send(dent2(SyncParser::DONE, nullptr, QByteArray()));
 }
 

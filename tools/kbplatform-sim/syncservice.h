@@ -4,7 +4,10 @@
 #include "sandbox.h"
 #include "syncparser.h"
 
+#include <functional>
 #include <memory>
+
+struct stat;
 
 class QFile;
 class QSaveFile;
@@ -29,6 +32,9 @@ private:
     void process();
     void handle(const SyncParser::Request& request);
     void handleStat(const QByteArray& path);
+    // Calls visit for each entry of the directory at path (nothing when it is not one).
+    void forEachEntry(const QByteArray& path,
+                      const std::function<void(const QByteArray& name, const struct stat& st)>& visit);
     void handleList(const QByteArray& path);
     void handleStat2(quint32 id, const QByteArray& path);
     void handleList2(const QByteArray& path);
