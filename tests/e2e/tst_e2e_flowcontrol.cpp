@@ -3,22 +3,12 @@
 #include "e2efixture.h"
 
 #include <QEventLoop>
-#include <QTimer>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTimer>
 #include <QtTest>
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-// A sanitizer makes every byte several times dearer and keeps freed memory in quarantine, so
-// resident memory says nothing about ours: smaller transfers, no memory bounds (said in the log).
-constexpr bool SANITIZED = true;
-#else
-constexpr bool SANITIZED = false;
-#endif
-
-constexpr qint64 MiB = 1 << 20;
 
 // Rates a pipe's reader at ~24 MB/s and prints the byte count and SHA-256 of what it read.
 const QString SLOW_CONSUMER = QStringLiteral(R"(

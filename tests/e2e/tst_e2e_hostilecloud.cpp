@@ -6,19 +6,7 @@
 #include <QElapsedTimer>
 #include <QtTest>
 
-namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-// A sanitizer makes every byte several times dearer and keeps freed memory in quarantine, so
-// resident memory says nothing about ours: a smaller push, no memory bounds (said in the log).
-constexpr bool SANITIZED = true;
-#else
-constexpr bool SANITIZED = false;
-#endif
-
-constexpr qint64 MiB = 1 << 20;
-
-} // namespace
+namespace { } // namespace
 
 class TestE2eHostileCloud : public QObject
 {
