@@ -4,7 +4,6 @@
 #include "singleinstance/singleinstanceclient.h"
 #include "singleinstance/singleinstanceutils.h"
 
-#include <QCryptographicHash>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLocalSocket>
@@ -53,15 +52,6 @@ private Q_SLOTS:
     {
         m_instance.reset();
         m_dir.reset();
-    }
-
-    void socketLivesInDirectoryUnderMd5Name()
-    {
-        const QString md5
-            = QString::fromLatin1(QCryptographicHash::hash("kbadbtunneld", QCryptographicHash::Md5).toHex());
-        QCOMPARE(SingleInstanceUtils::createSocketName(QStringLiteral("kbadbtunneld")), md5);
-        QVERIFY(QFileInfo::exists(m_dir->path() + QLatin1Char('/') + md5));
-        QVERIFY(!QFileInfo::exists(m_dir->path() + QLatin1Char('/') + md5 + QStringLiteral(".lock")));
     }
 
     void requestAndReplyAreByteExact_data()
