@@ -46,6 +46,8 @@ MIB = 1 << 20
 CLK_TCK = os.sysconf("SC_CLK_TCK")
 PAGE = os.sysconf("SC_PAGE_SIZE")
 REMOTE_DIR = "/data/local/tmp"
+# The scripted ADB host: the one host here that negotiates delayed_ack (Debian's adb never does).
+ADBHOST = os.path.join(ROOT, "tests", "tools", "adbhost.py")
 
 LINKS_FULL = [(0, 0), (20, 0), (50, 0), (100, 0), (50, 100000)]
 
@@ -903,6 +905,76 @@ plot '{dat}' using 1:2 with linespoints lw 2 pt 7 lc 1 title 'tunnel v2', \
         self.goal("CPU per GiB: v2 / socat", f"{r:.1f}x ({med['v2']:.2f} vs {med['socat']:.2f} s/GiB)",
                   "<= 3x", r <= 3)
 
+    # -- 5b. a host that negotiates delayed_ack ---------------------------------------------------
+
+    def bench_hostack(self):
+        """Current hosts and devices agree on delayed_ack: the host may have a whole window of
+        writes in flight. A v1 tunnel passes the feature through; a v2 tunnel strips it and
+        acknowledges every write itself. This compares the two with the scripted host, which
+        takes the tunnel's one client place (the daemons' adb only pretends to connect)."""
+        b = self.bench
+        token = "kbbench-hostack-token"
+        sim = Simulator(b, 3, token, name="hostack-sim")
+        sdk = b.path("pretend-sdk")
+        os.makedirs(os.path.join(sdk, "platform-tools"))
+        fake = os.path.join(sdk, "platform-tools", "adb")
+        with open(fake, "w") as f:
+            f.write('#!/bin/sh\ncase "$*" in\nconnect*) echo "connected to $2" ;;\n'
+                    '*get-state) echo device ;;\nesac\nexit 0\n')
+        os.chmod(fake, 0o700)
+        daemons, targets = {}, {}
+        for version, inst in ((2, sim.instances[0]), (1, sim.instances[1])):
+            d = Daemon(b, f"home-hostack-v{version}", sim.base_url, token, version)
+            with open(os.path.join(d.home, "config.json"), "w") as f:
+                json.dump({"android-sdk-path": sdk}, f)
+            d.start()
+            d.connect(inst["uuid"])
+            serial, = d.wait_connected([inst["uuid"]])
+            daemons[f"v{version}"] = d
+            targets[f"v{version}"] = "127.0.0.1:" + serial.rsplit(":", 1)[1]
+        proxy = LinkProxy(b, sim.instances[2]["device_port"], "hostack-linkproxy")
+        targets["direct"] = f"127.0.0.1:{proxy.port}"
+
+        size = self.args.size_mib * MIB
+        local = self.make_file(size)
+        back = b.path("hostack-pulled.bin")
+
+        def host(target, *command):
+            subprocess.run(["python3", ADBHOST, "--connect", target, "--timeout", "300", "--delayed-ack", *command],
+                           env=b.env, check=True, capture_output=True, timeout=600)
+
+        res = {}
+        for rtt in (0, 50):
+            sim.set_link(rtt, 0)
+            proxy.set_link(rtt, 0)
+            for rep in range(self.args.reps):
+                for path, target in targets.items():
+                    remote = f"{REMOTE_DIR}/hostack-{path}.bin"
+                    t0 = time.monotonic()
+                    host(target, "push", local, remote)
+                    t1 = time.monotonic()
+                    host(target, "pull", remote, back)
+                    t2 = time.monotonic()
+                    if os.path.getsize(back) != size:
+                        raise RuntimeError(f"{path}: pulled {os.path.getsize(back)} bytes instead of {size}")
+                    os.remove(back)
+                    for direction, secs in (("push", t1 - t0), ("pull", t2 - t1)):
+                        res.setdefault((rtt, path, direction), []).append(size / secs / MB)
+                    log(f"hostack {rtt:>3} ms {path:>6} rep {rep}: push {size / (t1 - t0) / MB:7.2f} MB/s, "
+                        f"pull {size / (t2 - t1) / MB:7.2f} MB/s")
+        for (rtt, path, direction), values in res.items():
+            self.record("hostack_median", rtt_ms=rtt, path=path, direction=direction, reps=len(values),
+                        mb_per_s=round(median(values), 3))
+        peaks = {name: peak_rss(d.pid) / MIB for name, d in daemons.items()}
+        for rtt in (0, 50):
+            for direction in ("push", "pull"):
+                v2, v1 = median(res[(rtt, "v2", direction)]), median(res[(rtt, "v1", direction)])
+                self.goal(f"delayed_ack host, {direction} {rtt} ms: v2 / v1",
+                          f"{v2:.1f} / {v1:.1f} MB/s: {v2 / v1:.2f}x, peak RSS {peaks['v2']:.1f} / "
+                          f"{peaks['v1']:.1f} MiB", "(no goal)", None)
+        for name, d in daemons.items():
+            d.stop()
+
     # -- 6. scale --------------------------------------------------------------------------------
 
     def bench_scale(self):
@@ -1018,7 +1090,7 @@ plot '{dat}' using 1:2 with linespoints lw 2 pt 7 title 'resident memory per idl
             wr.writerow(["figure", "measured", "goal", "verdict"])
             wr.writerows(self.summary)
         print(text)
-        for name in ("bulk_median", "small_median", "latency", "latency_memory", "peak_rss", "shell_median", "connect_median", "roundtrip", "cpu_median", "scale"):
+        for name in ("bulk_median", "small_median", "latency", "latency_memory", "peak_rss", "shell_median", "connect_median", "roundtrip", "cpu_median", "hostack_median", "scale"):
             if name in self.rows:
                 print(f"\n{name}:")
                 rows = self.rows[name]
@@ -1043,8 +1115,8 @@ def main():
     p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     p.add_argument("--quick", action="store_true", help="1 repetition, 16 MiB transfers, 0 and 50 ms, "
                    "20 shell runs, scale 1/10/50")
-    p.add_argument("--only", default="bulk,small,latency,shell,connect,roundtrip,cpu,scale",
-                   help="comma-separated subset of bulk,small,latency,shell,connect,roundtrip,cpu,scale")
+    p.add_argument("--only", default="bulk,small,latency,shell,connect,roundtrip,cpu,hostack,scale",
+                   help="comma-separated subset of bulk,small,latency,shell,connect,roundtrip,cpu,hostack,scale")
     p.add_argument("--reps", type=int, help="repetitions of each transfer (default 3)")
     p.add_argument("--size-mib", type=int, help="size of one push or pull (default 64)")
     p.add_argument("--shell-count", type=int, help="runs of `adb shell true` per path (default 50)")
@@ -1077,7 +1149,7 @@ def main():
     try:
         if only & {"bulk", "small", "latency", "shell", "connect", "roundtrip", "cpu"}:
             suite.setup_main()
-        for name in ("bulk", "small", "latency", "shell", "connect", "roundtrip", "cpu", "scale"):
+        for name in ("bulk", "small", "latency", "shell", "connect", "roundtrip", "cpu", "hostack", "scale"):
             if name in only:
                 log(f"== {name}")
                 getattr(suite, "bench_" + name)()
