@@ -15,12 +15,6 @@
 #include <QtEndian>
 #include <QTest>
 
-#include <fcntl.h>
-#include <stdlib.h>
-#include <sys/ioctl.h>
-#include <termios.h>
-#include <unistd.h>
-
 class TestSimDevice : public QObject
 {
     Q_OBJECT
@@ -165,55 +159,31 @@ void TestSimDevice::commandInput()
 
 void TestSimDevice::interactiveShell()
 {
-    // adb asks for a terminal only when its own input is one.
-    const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    QVERIFY(master >= 0);
-    const auto closeMaster = qScopeGuard([master] { ::close(master); });
-    QVERIFY(::grantpt(master) == 0 && ::unlockpt(master) == 0);
-    const int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    QVERIFY(slave >= 0);
-    const struct winsize size = { 30, 100, 0, 0 };
-    ::ioctl(master, TIOCSWINSZ, &size);
-    ::fcntl(master, F_SETFL, O_NONBLOCK);
-
+    // adb asks for a terminal only when its own input is one: script(1) gives it one, of the size
+    // stty sets, and passes our keys and the screen through.
     QProcess process;
     process.setProcessEnvironment(m_adb->environment());
-    process.setStandardInputFile(QProcess::nullDevice());
-    process.setStandardOutputFile(QProcess::nullDevice());
-    process.setStandardErrorFile(QProcess::nullDevice());
-    process.setChildProcessModifier([slave] {
-        ::setsid();
-        ::ioctl(slave, TIOCSCTTY, 0);
-        ::dup2(slave, STDIN_FILENO);
-        ::dup2(slave, STDOUT_FILENO);
-        ::dup2(slave, STDERR_FILENO);
-    });
-    process.start(TestKit::adbPath(), { QStringLiteral("-s"), m_serial, QStringLiteral("shell") });
-    ::close(slave);
-    const auto killAdb = qScopeGuard([&process] {
+    process.start(
+        QStringLiteral("script"),
+        { QStringLiteral("-qec"),
+          QStringLiteral("stty rows 30 cols 100; exec '%1' -s %2 shell").arg(TestKit::adbPath(), m_serial),
+          QStringLiteral("/dev/null") });
+    const auto killScript = qScopeGuard([&process] {
         process.kill();
         process.waitForFinished(5000);
     });
     QByteArray screen;
-    const auto read = [&] {
-        char buffer[4096];
-        for (ssize_t got; (got = ::read(master, buffer, sizeof buffer)) > 0;)
-            screen.append(buffer, got);
-        return screen;
-    };
-    const auto type = [master](const QByteArray& keys) {
-        return ::write(master, keys.constData(), size_t(keys.size())) == keys.size();
-    };
+    const auto read = [&] { return screen += process.readAllStandardOutput(); };
 
     QTRY_VERIFY_WITH_TIMEOUT(read().endsWith("$ "), 20000);
     // The terminal echoes, and its size is the host terminal's.
-    QVERIFY(type("echo $((6*7)); stty size; sleep 60\r"));
+    process.write("echo $((6*7)); stty size; sleep 60\r");
     QTRY_VERIFY2_WITH_TIMEOUT(read().contains("echo $((6*7)); stty size; sleep 60\r\n42\r\n30 100\r\n"),
                               screen.constData(), 20000);
     screen.clear();
-    QVERIFY(type("\x03"));
+    process.write("\x03");
     QTRY_VERIFY2_WITH_TIMEOUT(read().endsWith("^C\r\nkbsim_x86_64:/ $ "), screen.constData(), 20000);
-    QVERIFY(type("exit 5\r"));
+    process.write("exit 5\r");
     QVERIFY(process.waitForFinished(20000));
     QCOMPARE(process.exitCode(), 5);
 }
