@@ -14,6 +14,7 @@
 
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -100,14 +101,10 @@ struct RawTunnel
 
 qint64 residentBytes(qint64 pid)
 {
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
+    QFile statm(QStringLiteral("/proc/%1/statm").arg(pid));
+    if (!statm.open(QIODevice::ReadOnly))
         return -1;
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').at(0).toLongLong() * 1024;
-    }
-    return -1;
+    return statm.readAll().split(' ').value(1).toLongLong() * ::sysconf(_SC_PAGESIZE); // resident pages
 }
 
 } // namespace
