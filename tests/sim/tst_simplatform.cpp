@@ -1,4 +1,4 @@
-// The simulator's REST API, admin API and instance WebSockets, with plain Qt clients.
+// The simulator's REST API, admin API and instance WebSockets: HTTP from Qt, the WebSocket byte by byte.
 
 #include "testkit.h"
 
