@@ -26,128 +26,109 @@ QByteArray deviceWrite(const QByteArray& data)
 }
 const QByteArray DEVICE_OKAY = msg(AdbPacket::OKAY, 9, 5);
 const QByteArray CLOUD_OKAY = msg(AdbPacket::OKAY, 5, 9); // what the cloud answers a device write with
+const QByteArray DAEMON_CLOSE = msg(AdbPacket::CLSE, 5, 9);
+const QByteArray DEVICE_CLOSE = msg(AdbPacket::CLSE, 9, 5);
+
+// One step of a script: bytes fed from one side (or a change of congestion), then all that
+// went to each side since the step before; the queued bytes and the stream count when given.
+struct Step
+{
+    enum Action { FromDaemon, FromDevice, FromDeviceByteByByte, Congest, Uncongest } action;
+    QByteArray bytes;
+    QByteArrayList toDevice;
+    QByteArrayList toDaemon;
+    qint64 queued = -1;
+    int streams = -1;
+};
+using Script = QList<Step>;
 
 } // namespace
+
+Q_DECLARE_METATYPE(Script)
 
 class TestCloudMirror : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void daemonWritesGoOneAtATime();
-    void deviceWritesAreAcknowledgedHere();
-    void okayAnsweringOpenPasses();
-    void closeWaitsBehindHeldWrites();
-    void deviceCloseDropsHeldWrites();
-    void congestionHoldsAcknowledgements();
-    void messagesCutAnywhere();
+    void script_data();
+    void script();
     void oversizedMessageFails();
 };
 
-void TestCloudMirror::daemonWritesGoOneAtATime()
+void TestCloudMirror::script_data()
 {
-    CloudMirror mirror;
-    mirror.feedFromDaemon(OPEN_5);
-    QCOMPARE(mirror.takeToDevice(), QByteArrayList { OPEN_5 });
-    mirror.feedFromDevice(READY_9_5);
-    QCOMPARE(mirror.takeToDaemon(), QByteArrayList { READY_9_5 });
-
-    // The daemon already acknowledged three server writes and sends them together.
-    mirror.feedFromDaemon(daemonWrite("a") + daemonWrite("b") + daemonWrite("c"));
-    QCOMPARE(mirror.takeToDevice(), QByteArrayList { daemonWrite("a") });
-    QVERIFY(mirror.queuedBytes() > 0);
-
-    for (const char* next : { "b", "c" }) {
-        mirror.feedFromDevice(DEVICE_OKAY);
-        QCOMPARE(mirror.takeToDaemon(), QByteArrayList()); // consumed: the server had its OKAY
-        QCOMPARE(mirror.takeToDevice(), QByteArrayList { daemonWrite(next) });
-    }
-    mirror.feedFromDevice(DEVICE_OKAY);
-    QVERIFY(mirror.takeToDaemon().isEmpty());
-    QVERIFY(mirror.takeToDevice().isEmpty());
-    QCOMPARE(mirror.queuedBytes(), 0);
-
-    // Nothing outstanding now: the next write passes at once.
-    mirror.feedFromDaemon(daemonWrite("d"));
-    QCOMPARE(mirror.takeToDevice(), QByteArrayList { daemonWrite("d") });
-}
-
-void TestCloudMirror::deviceWritesAreAcknowledgedHere()
-{
-    CloudMirror mirror;
-    mirror.feedFromDevice(deviceWrite("x") + deviceWrite("y"));
-    QCOMPARE(mirror.takeToDaemon(), QByteArrayList({ deviceWrite("x"), deviceWrite("y") }));
-    QCOMPARE(mirror.takeToDevice(), QByteArrayList({ CLOUD_OKAY, CLOUD_OKAY }));
-}
-
-void TestCloudMirror::okayAnsweringOpenPasses()
-{
-    CloudMirror mirror;
-    // Stream 5 has a write in flight; stream 6 is only being opened.
-    mirror.feedFromDaemon(daemonWrite("a"));
-    mirror.takeToDevice();
+    QTest::addColumn<Script>("steps");
+    const QByteArray a = daemonWrite("a");
+    const QByteArray b = daemonWrite("b");
+    const QByteArray x = deviceWrite("x");
+    QTest::newRow("daemon writes go one at a time") << Script {
+        { Step::FromDaemon, OPEN_5, { OPEN_5 }, {} },
+        { Step::FromDevice, READY_9_5, {}, { READY_9_5 } },
+        // The daemon already acknowledged three server writes and sends them together.
+        { Step::FromDaemon, a + b + daemonWrite("c"), { a }, {}, 2 * a.size() },
+        // Each OKAY releases the next write and is consumed: the server had its OKAY.
+        { Step::FromDevice, DEVICE_OKAY, { b }, {} },
+        { Step::FromDevice, DEVICE_OKAY, { daemonWrite("c") }, {} },
+        { Step::FromDevice, DEVICE_OKAY, {}, {}, 0 },
+        // Nothing outstanding now: the next write passes at once.
+        { Step::FromDaemon, daemonWrite("d"), { daemonWrite("d") }, {}, 0 },
+    };
     const QByteArray ready = msg(AdbPacket::OKAY, 11, 6);
-    mirror.feedFromDevice(ready);
-    QCOMPARE(mirror.takeToDaemon(), QByteArrayList { ready });
-    // The same holds for a stream whose writes are all answered.
-    mirror.feedFromDevice(DEVICE_OKAY);
-    mirror.feedFromDevice(DEVICE_OKAY);
-    QCOMPARE(mirror.takeToDaemon(), QByteArrayList { DEVICE_OKAY });
-}
-
-void TestCloudMirror::closeWaitsBehindHeldWrites()
-{
-    CloudMirror mirror;
-    const QByteArray close = msg(AdbPacket::CLSE, 5, 9);
-    mirror.feedFromDaemon(daemonWrite("a") + daemonWrite("b") + close);
-    QCOMPARE(mirror.takeToDevice(), QByteArrayList { daemonWrite("a") });
-    mirror.feedFromDevice(DEVICE_OKAY);
-    QCOMPARE(mirror.takeToDevice(), QByteArrayList { daemonWrite("b") });
-    mirror.feedFromDevice(DEVICE_OKAY);
-    QCOMPARE(mirror.takeToDevice(), QByteArrayList { close });
-    QCOMPARE(mirror.streamCount(), 0);
-
-    // With nothing held, a close passes straight through.
-    mirror.feedFromDaemon(close);
-    QCOMPARE(mirror.takeToDevice(), QByteArrayList { close });
-}
-
-void TestCloudMirror::deviceCloseDropsHeldWrites()
-{
-    CloudMirror mirror;
-    mirror.feedFromDaemon(daemonWrite("a") + daemonWrite("b"));
-    mirror.takeToDevice();
-    const QByteArray close = msg(AdbPacket::CLSE, 9, 5);
-    mirror.feedFromDevice(close);
-    QCOMPARE(mirror.takeToDaemon(), QByteArrayList { close });
-    QCOMPARE(mirror.queuedBytes(), 0);
-    QCOMPARE(mirror.streamCount(), 0);
-    // A late OKAY for the closed stream is no longer consumed.
-    mirror.feedFromDevice(DEVICE_OKAY);
-    QCOMPARE(mirror.takeToDaemon(), QByteArrayList { DEVICE_OKAY });
-    QVERIFY(mirror.takeToDevice().isEmpty());
-}
-
-void TestCloudMirror::congestionHoldsAcknowledgements()
-{
-    CloudMirror mirror;
-    mirror.setCongested(true);
-    mirror.feedFromDevice(deviceWrite("x"));
-    QCOMPARE(mirror.takeToDaemon(), QByteArrayList { deviceWrite("x") });
-    QVERIFY(mirror.takeToDevice().isEmpty());
-    mirror.setCongested(false);
-    QCOMPARE(mirror.takeToDevice(), QByteArrayList { CLOUD_OKAY });
-}
-
-void TestCloudMirror::messagesCutAnywhere()
-{
-    CloudMirror mirror;
+    QTest::newRow("an OKAY answering an OPEN passes") << Script {
+        // Stream 5 has a write in flight; stream 6 is only being opened.
+        { Step::FromDaemon, a, { a }, {} },
+        { Step::FromDevice, ready, {}, { ready } },
+        // The same holds for a stream whose writes are all answered.
+        { Step::FromDevice, DEVICE_OKAY + DEVICE_OKAY, {}, { DEVICE_OKAY } },
+    };
+    QTest::newRow("a close waits behind held writes") << Script {
+        { Step::FromDaemon, a + b + DAEMON_CLOSE, { a }, {} },
+        { Step::FromDevice, DEVICE_OKAY, { b }, {} },
+        { Step::FromDevice, DEVICE_OKAY, { DAEMON_CLOSE }, {}, 0, 0 },
+        // With nothing held, a close passes straight through.
+        { Step::FromDaemon, DAEMON_CLOSE, { DAEMON_CLOSE }, {} },
+    };
+    QTest::newRow("the device's close drops held writes") << Script {
+        { Step::FromDaemon, a + b, { a }, {} },
+        { Step::FromDevice, DEVICE_CLOSE, {}, { DEVICE_CLOSE }, 0, 0 },
+        // A late OKAY for the closed stream is no longer consumed.
+        { Step::FromDevice, DEVICE_OKAY, {}, { DEVICE_OKAY } },
+    };
+    // A device write is acknowledged here at once, unless congestion holds the OKAY back.
+    QTest::newRow("congestion holds acknowledgements") << Script {
+        { Step::Congest, {}, {}, {} },
+        { Step::FromDevice, x, {}, { x } },
+        { Step::Uncongest, {}, { CLOUD_OKAY }, {} },
+    };
     const QByteArray cnxn = msg(AdbPacket::CNXN, 0x01000001, 4096, "device::features=x");
-    const QByteArray bytes = cnxn + deviceWrite("payload");
-    for (const char byte : bytes)
-        mirror.feedFromDevice(QByteArray(1, byte));
-    QCOMPARE(mirror.takeToDaemon(), QByteArrayList({ cnxn, deviceWrite("payload") }));
-    QCOMPARE(mirror.takeToDevice(), QByteArrayList { CLOUD_OKAY });
+    QTest::newRow("messages cut anywhere") << Script {
+        { Step::FromDeviceByteByByte, cnxn + x, { CLOUD_OKAY }, { cnxn, x } },
+    };
+}
+
+void TestCloudMirror::script()
+{
+    QFETCH(Script, steps);
+    CloudMirror mirror;
+    for (const Step& step : steps) {
+        if (step.action == Step::FromDaemon)
+            mirror.feedFromDaemon(step.bytes);
+        else if (step.action == Step::FromDevice)
+            mirror.feedFromDevice(step.bytes);
+        else if (step.action == Step::FromDeviceByteByByte)
+            for (const char byte : step.bytes)
+                mirror.feedFromDevice(QByteArray(1, byte));
+        else
+            mirror.setCongested(step.action == Step::Congest);
+        QCOMPARE(mirror.takeToDevice(), step.toDevice);
+        QCOMPARE(mirror.takeToDaemon(), step.toDaemon);
+        if (step.queued >= 0)
+            QCOMPARE(mirror.queuedBytes(), step.queued);
+        if (step.streams >= 0)
+            QCOMPARE(mirror.streamCount(), step.streams);
+    }
+    QVERIFY(!mirror.hasFailed());
 }
 
 void TestCloudMirror::oversizedMessageFails()
