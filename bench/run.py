@@ -47,7 +47,7 @@ CLK_TCK = os.sysconf("SC_CLK_TCK")
 PAGE = os.sysconf("SC_PAGE_SIZE")
 REMOTE_DIR = "/data/local/tmp"
 # The scripted ADB host: the one host here that negotiates delayed_ack (Debian's adb never does).
-ADBHOST = os.path.join(ROOT, "tests", "tools", "adbhost.py")
+ADBHOST = os.path.join(ROOT, "tools", "adbhost", "adbhost.py")
 
 LINKS_FULL = [(0, 0), (20, 0), (50, 0), (100, 0), (50, 100000)]
 

@@ -1,4 +1,4 @@
-// The scripted ADB host (tests/tools/adbhost.py) against the emulated device, straight and through
+// The scripted ADB host (tools/adbhost/adbhost.py) against the emulated device, straight and through
 // a tunnel of either version, with and without delayed_ack: files arrive byte for byte and the
 // shell's output and exit status come back. Where the device offers delayed_ack too, the host must
 // have used the windows it negotiated; a version 2 tunnel acknowledges writes itself, so it must
