@@ -1,9 +1,9 @@
 #!/bin/sh
 # Prints how much of the code base is test code. A line counts when it is neither blank nor a
-# whole-line comment, in the C++, Python and shell files git tracks (the scripted ADB host and
-# the user-docs check are test code as much as the Qt tests are).
-#   product: src/ (the program) and tools/ (the platform simulator the tests and demo run on)
-#   tests:   tests/
+# whole-line comment, in the C++, Python and shell files git tracks.
+#   product: src/ (the program) and tools/ (the peers the tests, demo and benchmarks run against:
+#            the platform simulator and the scripted ADB host)
+#   tests:   tests/ (the user-docs check is test code as much as the Qt tests are)
 #   neither: fuzz/ and bench/ - harnesses run on demand, outside the test suite; they find and
 #            measure, they do not check behaviour, so they are shown apart and not in the share.
 # The project keeps tests/ at or below a third of product + tests; with --check the script
