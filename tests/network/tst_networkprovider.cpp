@@ -5,10 +5,9 @@
 #include "network/webservicejob.h"
 #include "testcredentials.h"
 #include "testhttpserver.h"
+#include "testkit.h"
 
-#include <QProcess>
 #include <QRegularExpression>
-#include <QSignalSpy>
 #include <QSslCertificate>
 #include <QSslKey>
 #include <QTemporaryDir>
@@ -32,9 +31,6 @@ private Q_SLOTS:
     void preloadTlsLibraries();
 
 private:
-    // Runs function in a thread of its own while this thread keeps serving the test servers.
-    bool runInThread(const std::function<void()>& function);
-
     QTemporaryDir m_dir;
     QSslCertificate m_certificate;
     QSslKey m_key;
@@ -45,25 +41,11 @@ private:
 void TestNetworkProvider::initTestCase()
 {
     QVERIFY(m_dir.isValid());
-    QProcess openssl;
-    openssl.setWorkingDirectory(m_dir.path());
-    openssl.start(QStringLiteral("openssl"),
-                  { QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"),
-                    QStringLiteral("ec"), QStringLiteral("-pkeyopt"),
-                    QStringLiteral("ec_paramgen_curve:prime256v1"), QStringLiteral("-nodes"),
-                    QStringLiteral("-keyout"), QStringLiteral("key.pem"), QStringLiteral("-out"),
-                    QStringLiteral("cert.pem"), QStringLiteral("-days"), QStringLiteral("2"),
-                    QStringLiteral("-subj"), QStringLiteral("/CN=kb-test-server") });
-    QVERIFY2(openssl.waitForFinished(30000), qPrintable(openssl.errorString()));
-    QCOMPARE(openssl.exitCode(), 0);
-
-    const QList<QSslCertificate> certificates
-        = QSslCertificate::fromPath(m_dir.filePath(QStringLiteral("cert.pem")));
-    QCOMPARE(certificates.size(), 1);
-    m_certificate = certificates.first();
-    QFile keyFile(m_dir.filePath(QStringLiteral("key.pem")));
-    QVERIFY(keyFile.open(QIODevice::ReadOnly));
-    m_key = QSslKey(keyFile.readAll(), QSsl::Ec, QSsl::Pem);
+    const QString openssl = TestKit::makeSelfSignedCertificate(m_dir.path());
+    QVERIFY2(openssl.isEmpty(), qPrintable(openssl));
+    m_certificate = QSslCertificate::fromPath(m_dir.filePath(QStringLiteral("cert.pem"))).value(0);
+    QVERIFY(!m_certificate.isNull());
+    m_key = QSslKey(TestKit::readFile(m_dir.filePath(QStringLiteral("key.pem"))), QSsl::Ec, QSsl::Pem);
     QVERIFY(!m_key.isNull());
 
     m_provider = std::make_unique<NetworkProvider>();
@@ -77,16 +59,6 @@ void TestNetworkProvider::init()
     m_provider->getSslErrorHandler()->setUserConfirmationFunction(nullptr, {});
 }
 
-bool TestNetworkProvider::runInThread(const std::function<void()>& function)
-{
-    std::unique_ptr<QThread> thread(QThread::create(function));
-    QSignalSpy finished(thread.get(), &QThread::finished);
-    thread->start();
-    const bool ok = finished.wait(20000);
-    thread->wait();
-    return ok;
-}
-
 void TestNetworkProvider::oneAccessManagerPerThread()
 {
     QNetworkAccessManager* mine = m_provider->getNetworkAccessManager();
@@ -98,13 +70,15 @@ void TestNetworkProvider::oneAccessManagerPerThread()
     bool theirsInTheirThread = false;
     std::atomic<bool> theirsDestroyed { false };
     QObject watcher;
-    QVERIFY(runInThread([&]() {
+    std::unique_ptr<QThread> thread(QThread::create([&]() {
         theirs = m_provider->getNetworkAccessManager();
         theirsAgain = m_provider->getNetworkAccessManager();
         theirsInTheirThread = theirs->thread() == QThread::currentThread();
         connect(
             theirs, &QObject::destroyed, &watcher, [&]() { theirsDestroyed = true; }, Qt::DirectConnection);
     }));
+    thread->start();
+    QVERIFY(thread->wait(20000));
     QVERIFY(theirs);
     QVERIFY(theirs != mine);
     QCOMPARE(theirsAgain, theirs);
@@ -151,24 +125,20 @@ void TestNetworkProvider::httpsWithSelfSignedCertificate_data()
 {
     QTest::addColumn<QByteArray>("environment"); // null: unset
     QTest::addColumn<QString>("userAnswer"); // empty: no confirmation function
-    QTest::addColumn<bool>("inThread");
     QTest::addColumn<bool>("accepted");
 
-    QTest::newRow("refused by default") << QByteArray() << QString() << false << false;
-    QTest::newRow("user trusts") << QByteArray() << QStringLiteral("trust") << false << true;
-    QTest::newRow("user refuses") << QByteArray() << QStringLiteral("untrust") << false << false;
-    // A tunnel thread's handshake does not wait for the handler in the main thread: the trust
-    // decision is taken in the reply's own thread.
-    QTest::newRow("other thread, host trusted") << QByteArray("127.0.0.1") << QString() << true << true;
-    QTest::newRow("other thread, other host trusted")
-        << QByteArray("localhost") << QString() << true << false;
+    // The decision in a tunnel thread, where KB_TRUSTED_HOSTS alone decides without waiting for
+    // the main thread, is checked end to end by tst_e2e_tls (REST and WebSocket of a tunnel).
+    QTest::newRow("refused by default") << QByteArray() << QString() << false;
+    QTest::newRow("user trusts") << QByteArray() << QStringLiteral("trust") << true;
+    QTest::newRow("user refuses") << QByteArray() << QStringLiteral("untrust") << false;
+    QTest::newRow("host trusted") << QByteArray("127.0.0.1") << QString() << true;
 }
 
 void TestNetworkProvider::httpsWithSelfSignedCertificate()
 {
     QFETCH(QByteArray, environment);
     QFETCH(QString, userAnswer);
-    QFETCH(bool, inThread);
     QFETCH(bool, accepted);
     if (!environment.isNull())
         qputenv(SslErrorHandler::KB_TRUSTED_HOSTS_ENV, environment);
@@ -180,30 +150,22 @@ void TestNetworkProvider::httpsWithSelfSignedCertificate()
                 QMetaObject::invokeMethod(question, userAnswer.toLatin1().constData(), Qt::QueuedConnection);
             });
     }
-    if (!accepted && !inThread)
+    if (!accepted)
         QTest::ignoreMessage(QtDebugMsg, "SSL Error: reject connection");
+    // A refused certificate is final: the request is not sent again.
     QTest::failOnWarning(QRegularExpression(QStringLiteral("retrying")));
 
     TestHttpServer server([](const TestHttpRequest&) { return TestHttpResponse::json(200, "{}"); });
     QVERIFY(server.listenTls(m_certificate, m_key));
-    WebServiceResult result;
-    const auto get = [&]() {
-        PlatformApiTokenWebServiceClient client(server.baseUrl(), &m_credentials,
-                                                m_provider->getNetworkAccessManager(), nullptr);
-        WebServiceJob* job = client.get(QStringLiteral("/v1/instances/abc"));
-        job->waitForFinished(0);
-        result = job->getResult();
-    };
-    if (inThread)
-        QVERIFY(runInThread(get));
-    else
-        get();
+    PlatformApiTokenWebServiceClient client(server.baseUrl(), &m_credentials,
+                                            m_provider->getNetworkAccessManager(), nullptr);
+    WebServiceJob* job = client.get(QStringLiteral("/v1/instances/abc"));
+    job->waitForFinished(0);
+    const WebServiceResult result = job->getResult();
 
     QCOMPARE(result.getNetworkError(),
              accepted ? QNetworkReply::NoError : QNetworkReply::SslHandshakeFailedError);
     QCOMPARE(result.getHttpStatusCode(), accepted ? 200 : 0);
-    // A refused certificate is final: the request is not sent again.
-    QCOMPARE(server.connectionCount(), 1);
     if (userAnswer == QLatin1String("trust"))
         QCOMPARE(qgetenv(SslErrorHandler::KB_TRUSTED_HOSTS_ENV), QByteArray("127.0.0.1"));
     QCoreApplication::processEvents();
