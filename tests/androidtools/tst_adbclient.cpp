@@ -3,7 +3,6 @@
 
 #include "androidtools/adbclient.h"
 
-#include <QProcess>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
@@ -12,19 +11,10 @@
 
 #include <memory>
 
-#include <cerrno>
-#include <signal.h>
-
 namespace {
 
 const QString SERIAL = QStringLiteral("127.0.0.1:5555");
-const QString REAL_ADB = TestKit::adbPath();
-using TestKit::freeLoopbackPort;
-
-bool isProcessGone(qint64 pid)
-{
-    return ::kill(static_cast<pid_t>(pid), 0) == -1 && errno == ESRCH;
-}
+const QString GET_STATE = QStringLiteral("-s 127.0.0.1:5555 get-state");
 
 } // namespace
 
@@ -34,7 +24,6 @@ class tst_AdbClient : public QObject
 
 private Q_SLOTS:
     void initTestCase();
-    void cleanupTestCase();
     void init();
 
     void getState_data();
@@ -51,19 +40,15 @@ private Q_SLOTS:
     void isAvailable_data();
     void isAvailable();
 
-    void realAdbConnectToClosedPort();
-
 private:
     void useAdb(const QString& kind);
     void deviceAbsent()
     {
         m_adb->setResult(QStringLiteral("get-state"), QByteArray(), "error: device not found", 1);
     }
-    void requireRealAdb();
 
     TestToolsProvider m_provider;
     std::unique_ptr<ScriptedAdb> m_adb;
-    std::unique_ptr<AdbServer> m_adbServer;
 };
 
 void tst_AdbClient::initTestCase()
@@ -71,17 +56,6 @@ void tst_AdbClient::initTestCase()
     AndroidToolsProvider::setInstance(&m_provider);
     // Read once per process: every wait in this test checks the device twice, 2 s apart.
     qputenv(AdbClient::MAX_ADB_CONNECT_ATTEMPTS_ENV, "2");
-    if (!QFile::exists(REAL_ADB))
-        return;
-    // The real adb writes its keys and logs under $HOME/.android: a private home and server.
-    m_adbServer = std::make_unique<AdbServer>();
-    m_adbServer->applyToThisProcess();
-    QVERIFY(m_adbServer->start());
-}
-
-void tst_AdbClient::cleanupTestCase()
-{
-    m_adbServer.reset();
 }
 
 void tst_AdbClient::init()
@@ -99,13 +73,6 @@ void tst_AdbClient::useAdb(const QString& kind)
     } else if (kind == QLatin1String("empty path")) {
         m_provider.adbPath.clear();
     }
-}
-
-void tst_AdbClient::requireRealAdb()
-{
-    if (!m_adbServer)
-        QSKIP("Debian's adb is not installed");
-    m_provider.adbPath = REAL_ADB;
 }
 
 void tst_AdbClient::getState_data()
@@ -137,8 +104,7 @@ void tst_AdbClient::getState()
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression(warning));
     QCOMPARE(client.getState(), expected);
     const bool ran = kind == QLatin1String("script") || kind == QLatin1String("crash");
-    QCOMPARE(m_adb->calls(),
-             ran ? QStringList { QStringLiteral("-s 127.0.0.1:5555 get-state") } : QStringList());
+    QCOMPARE(m_adb->calls(), ran ? QStringList { GET_STATE } : QStringList());
 }
 void tst_AdbClient::connectToAdb_data()
 {
@@ -195,7 +161,7 @@ void tst_AdbClient::waitForConnectedEndsWhenDeviceAppears()
     QTimer::singleShot(
         0, this, [this] { m_adb->setResult(QStringLiteral("get-state"), QByteArrayLiteral("device")); });
     QVERIFY(client.waitForConnected());
-    QCOMPARE(m_adb->countCalls(QStringLiteral("get-state")), 2);
+    QCOMPARE(m_adb->calls().count(GET_STATE), 2);
 }
 
 void tst_AdbClient::releasedWhileWaitingStaysSilent()
@@ -214,21 +180,21 @@ void tst_AdbClient::releasedWhileWaitingStaysSilent()
     adbThread.start();
     QVERIFY(QMetaObject::invokeMethod(client, &AdbClient::connectToAdb, Qt::QueuedConnection));
 
-    QTRY_VERIFY(m_adb->countCalls(QStringLiteral("get-state")) >= 2);
+    QTRY_VERIFY(m_adb->calls().count(GET_STATE) >= 2);
     client->deleteLater();
     QTRY_VERIFY_WITH_TIMEOUT(destroyed, 15000);
     adbThread.quit();
     QVERIFY(adbThread.wait());
     QCoreApplication::processEvents();
     QCOMPARE(emitted, 0);
-    QCOMPARE(m_adb->countCalls(QStringLiteral("get-state")), 3);
+    QCOMPARE(m_adb->calls().count(GET_STATE), 3);
 }
 
 void tst_AdbClient::disconnectWhenNotConnectedRunsNothing()
 {
     deviceAbsent();
     AdbClient(SERIAL).disconnectFromAdb();
-    QCOMPARE(m_adb->calls(), QStringList { QStringLiteral("-s 127.0.0.1:5555 get-state") });
+    QCOMPARE(m_adb->calls(), QStringList { GET_STATE });
 }
 
 void tst_AdbClient::installFailureWithExitCodeZero()
@@ -322,14 +288,14 @@ void tst_AdbClient::cancelAndDestroyDuringPull()
     QTRY_COMPARE(canceledSpy.count(), 1);
     QCOMPARE(errorSpy.count(), 0);
     QVERIFY(!client->isPulling());
-    QTRY_VERIFY(isProcessGone(m_adb->hungPid(QStringLiteral("pull"))));
+    QTRY_VERIFY(!TestKit::processAlive(m_adb->hungPid(QStringLiteral("pull"))));
 
     // Destroying the client mid-pull must not leave adb behind.
     QFile::remove(m_adb->dir() + QLatin1String("/pull.pid"));
     QVERIFY(client->pullAsync(QStringLiteral("/sdcard/a.bin"), QStringLiteral("/tmp/dst")));
     QTRY_VERIFY(m_adb->hungPid(QStringLiteral("pull")) > 0);
     client.reset();
-    QTRY_VERIFY(isProcessGone(m_adb->hungPid(QStringLiteral("pull"))));
+    QTRY_VERIFY(!TestKit::processAlive(m_adb->hungPid(QStringLiteral("pull"))));
 }
 
 void tst_AdbClient::isAvailable_data()
@@ -353,23 +319,5 @@ void tst_AdbClient::isAvailable()
     QCOMPARE(AdbClient(serial).isAvailable(), expected);
 }
 
-void tst_AdbClient::realAdbConnectToClosedPort()
-{
-    requireRealAdb();
-    AdbClient client(QStringLiteral("127.0.0.1:%1").arg(freeLoopbackPort()));
-    QTest::ignoreMessage(QtDebugMsg,
-                         QRegularExpression(QStringLiteral("device not found yet on 127.0.0.1:")));
-    QCOMPARE(client.getState(), AdbClient::DISCONNECTED);
-
-    // adb connect reports the refused connection but exits with 0, so after the wait the connection
-    // is reported as made.
-    QSignalSpy successSpy(&client, &AdbClient::connectSuccess);
-    QSignalSpy errorSpy(&client, &AdbClient::connectError);
-    QTest::ignoreMessage(QtWarningMsg, "Max attempts reached to get the device connected");
-    client.connectToAdb();
-    QCOMPARE(successSpy.count(), 1);
-    QCOMPARE(errorSpy.count(), 0);
-    QVERIFY(!client.isConnected());
-}
 QTEST_GUILESS_MAIN(tst_AdbClient)
 #include "tst_adbclient.moc"
