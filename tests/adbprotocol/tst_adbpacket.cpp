@@ -28,19 +28,6 @@ class TestAdbPacket : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void forgedOkayIsByteExact()
-    {
-        const QByteArray expected = QByteArray::fromHex("4f4b4159"
-                                                        "07000000"
-                                                        "03000000"
-                                                        "00000000"
-                                                        "00000000"
-                                                        "b0b4bea6");
-        AdbPacket okay(AdbPacket::OKAY, 7, 3, QByteArray());
-        QCOMPARE(okay.toByteArray(), expected);
-        QCOMPARE(okay.getMessage()->magic, 0xA6BEB4B0u);
-    }
-
     void checksumIsSigned_data()
     {
         QTest::addColumn<QByteArray>("payload");
