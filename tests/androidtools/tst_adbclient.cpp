@@ -46,6 +46,9 @@ private Q_SLOTS:
         QTest::newRow("crash after printing device")
             << QStringLiteral("crash") << AdbClient::DISCONNECTED
             << QStringLiteral("^\\[adb\\]\\[get-state\\] error for 127.0.0.1:5555");
+        // adb's limits are fixed: this row costs the full 30 s.
+        QTest::newRow("hangs") << QStringLiteral("hang") << AdbClient::DISCONNECTED
+                               << QStringLiteral("^\\[adb\\]\\[get-state\\] timeout");
         for (const char* kind : { "missing", "not executable", "empty path" })
             QTest::newRow(kind) << QString::fromLatin1(kind) << AdbClient::DISCONNECTED
                                 << QStringLiteral("^\\[adb\\]\\[get-state\\] can't run");
@@ -60,13 +63,22 @@ private Q_SLOTS:
         m_adb->setResult(QStringLiteral("get-state"), QByteArrayLiteral("device\r\n"));
         if (kind == QLatin1String("crash"))
             m_adb->setCrash(QStringLiteral("get-state"));
+        if (kind == QLatin1String("hang"))
+            m_adb->setHang(QStringLiteral("get-state"));
         useAdb(kind);
         AdbClient client(SERIAL);
         if (!warning.isEmpty())
             QTest::ignoreMessage(QtWarningMsg, QRegularExpression(warning));
         QCOMPARE(client.getState(), expected);
-        const bool ran = kind == QLatin1String("script") || kind == QLatin1String("crash");
+        const bool ran = kind == QLatin1String("script") || kind == QLatin1String("crash")
+            || kind == QLatin1String("hang");
         QCOMPARE(m_adb->calls(), ran ? QStringList { GET_STATE } : QStringList());
+        if (kind == QLatin1String("hang")) {
+            // Killed at the limit, not left behind.
+            const qint64 pid = m_adb->hungPid(QStringLiteral("get-state"));
+            QVERIFY(pid > 0);
+            QTRY_VERIFY(!TestKit::processAlive(pid));
+        }
     }
 
     void connectToAdb_data()
