@@ -6,6 +6,7 @@
 #include "network/webservicejob.h"
 #include "testcredentials.h"
 #include "testhttpserver.h"
+#include "testkit.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -13,7 +14,6 @@
 #include <QPointer>
 #include <QRegularExpression>
 #include <QSignalSpy>
-#include <QTcpServer>
 #include <QTest>
 #include <QUrlQuery>
 
@@ -129,11 +129,8 @@ private Q_SLOTS:
         });
         QVERIFY(server.listen());
         QUrl base = server.baseUrl();
-        if (mode < 0) {
-            QTcpServer closed;
-            closed.listen(QHostAddress::LocalHost);
-            base.setPort(closed.serverPort());
-        }
+        if (mode < 0)
+            base.setPort(TestKit::freeLoopbackPort());
         for (int attempt = 1; attempt < expectedRequests; ++attempt)
             QTest::ignoreMessage(
                 QtWarningMsg,
