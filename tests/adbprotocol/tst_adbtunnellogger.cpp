@@ -1,8 +1,6 @@
-#include "adbprotocol/AdbMessageQueue.h"
 #include "adbprotocol/AdbPacket.h"
 #include "adbprotocol/AdbTunnelLogger.h"
 
-#include <QSignalSpy>
 #include <QTest>
 
 namespace {
@@ -77,32 +75,6 @@ private Q_SLOTS:
         QLoggingCategory other("kb.other");
         QVERIFY(other.isDebugEnabled());
         qunsetenv(AdbTunnelLogger::ENV_KB_ADBTUNNEL_DEBUG);
-    }
-
-    // One message out, then one per acknowledgement; idle when the last queued one leaves.
-    void queueReleasesOnePerOkay()
-    {
-        AdbMessageQueue queue;
-        QSignalSpy ready(&queue, &AdbMessageQueue::messageReady);
-        QSignalSpy idle(&queue, &AdbMessageQueue::idle);
-        queue.enqueue("a");
-        queue.enqueue("b");
-        queue.enqueue("c");
-        QCOMPARE(ready.size(), 1);
-        QCOMPARE(idle.size(), 1);
-        queue.onOkayReceived();
-        QCOMPARE(ready.size(), 2);
-        QCOMPARE(idle.size(), 1);
-        queue.onOkayReceived();
-        QCOMPARE(ready.size(), 3);
-        QCOMPARE(ready.last().first().toByteArray(), QByteArray("c"));
-        QCOMPARE(idle.size(), 2);
-        queue.onOkayReceived(); // acknowledges "c": the gate opens
-        queue.enqueue("d");
-        QCOMPARE(ready.size(), 4);
-        queue.enqueue("e");
-        QCOMPARE(ready.size(), 4);
-        QCOMPARE(queue.size(), 1);
     }
 };
 

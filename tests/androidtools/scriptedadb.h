@@ -60,14 +60,6 @@ exit 0
             return {};
         return QString::fromUtf8(log.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     }
-    int countCalls(const QString& command) const
-    {
-        int count = 0;
-        const QStringList all = calls();
-        for (const QString& call : all)
-            count += call.split(QLatin1Char(' ')).contains(command) ? 1 : 0;
-        return count;
-    }
     qint64 hungPid(const QString& command) const
     {
         QFile file(dir() + QLatin1Char('/') + command + QLatin1String(".pid"));

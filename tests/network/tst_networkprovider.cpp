@@ -5,10 +5,9 @@
 #include "network/webservicejob.h"
 #include "testcredentials.h"
 #include "testhttpserver.h"
+#include "testkit.h"
 
-#include <QProcess>
 #include <QRegularExpression>
-#include <QSignalSpy>
 #include <QSslCertificate>
 #include <QSslKey>
 #include <QTemporaryDir>
@@ -22,200 +21,157 @@ class TestNetworkProvider : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void oneAccessManagerPerThread();
-    void trustedHosts_data();
-    void trustedHosts();
-    void httpsWithSelfSignedCertificate_data();
-    void httpsWithSelfSignedCertificate();
-    void preloadTlsLibraries();
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        const QString openssl = TestKit::makeSelfSignedCertificate(m_dir.path());
+        QVERIFY2(openssl.isEmpty(), qPrintable(openssl));
+        m_certificate = QSslCertificate::fromPath(m_dir.filePath(QStringLiteral("cert.pem"))).value(0);
+        QVERIFY(!m_certificate.isNull());
+        m_key = QSslKey(TestKit::readFile(m_dir.filePath(QStringLiteral("key.pem"))), QSsl::Ec, QSsl::Pem);
+        QVERIFY(!m_key.isNull());
+
+        m_provider = std::make_unique<NetworkProvider>();
+        m_provider->setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
+    }
+
+    void init()
+    {
+        qunsetenv(SslErrorHandler::KB_TRUSTED_HOSTS_ENV);
+        m_provider->getSslErrorHandler()->setTrustedHosts({});
+        m_provider->getSslErrorHandler()->setUserConfirmationFunction(nullptr, {});
+    }
+
+    void oneAccessManagerPerThread()
+    {
+        QNetworkAccessManager* mine = m_provider->getNetworkAccessManager();
+        QVERIFY(mine);
+        QCOMPARE(m_provider->getNetworkAccessManager(), mine);
+
+        QNetworkAccessManager* theirs = nullptr;
+        QNetworkAccessManager* theirsAgain = nullptr;
+        bool theirsInTheirThread = false;
+        std::atomic<bool> theirsDestroyed { false };
+        QObject watcher;
+        std::unique_ptr<QThread> thread(QThread::create([&]() {
+            theirs = m_provider->getNetworkAccessManager();
+            theirsAgain = m_provider->getNetworkAccessManager();
+            theirsInTheirThread = theirs->thread() == QThread::currentThread();
+            connect(
+                theirs, &QObject::destroyed, &watcher, [&]() { theirsDestroyed = true; },
+                Qt::DirectConnection);
+        }));
+        thread->start();
+        QVERIFY(thread->wait(20000));
+        QVERIFY(theirs);
+        QVERIFY(theirs != mine);
+        QCOMPARE(theirsAgain, theirs);
+        QVERIFY(theirsInTheirThread);
+        QVERIFY(theirsDestroyed); // with the end of its thread
+    }
+
+    void trustedHosts_data()
+    {
+        QTest::addColumn<QByteArray>("environment"); // null: unset
+        QTest::addColumn<QStringList>("inCode");
+        QTest::addColumn<QString>("host");
+        QTest::addColumn<bool>("trusted");
+
+        const auto row = [](const char* name, const QByteArray& environment, const char* host, bool trusted,
+                            const QStringList& inCode = {}) {
+            QTest::newRow(name) << environment << inCode << QString::fromLatin1(host) << trusted;
+        };
+        row("nothing trusted", QByteArray(), "127.0.0.1", false);
+        row("empty variable", "", "127.0.0.1", false);
+        row("exact host", "127.0.0.1", "127.0.0.1", true);
+        row("second of two, two commas", "localhost,,127.0.0.1", "127.0.0.1", true);
+        row("entry with scheme", "https://127.0.0.1", "127.0.0.1", false);
+        row("entry with port", "127.0.0.1:8443", "127.0.0.1", false);
+        row("blank after comma", "localhost, 127.0.0.1", "127.0.0.1", false);
+        row("other letter case", "LocalHost", "localhost", false);
+        row("no wildcards", "*.example.test", "api.example.test", false);
+        row("list set in code", "other.test", "api.example.test", true,
+            { QStringLiteral("api.example.test") });
+    }
+
+    void trustedHosts()
+    {
+        QFETCH(QByteArray, environment);
+        QFETCH(QStringList, inCode);
+        QFETCH(QString, host);
+        QFETCH(bool, trusted);
+        if (!environment.isNull())
+            qputenv(SslErrorHandler::KB_TRUSTED_HOSTS_ENV, environment);
+        m_provider->getSslErrorHandler()->setTrustedHosts(inCode);
+        QCOMPARE(m_provider->getSslErrorHandler()->isIgnoringErrors(host), trusted);
+    }
+
+    void httpsWithSelfSignedCertificate_data()
+    {
+        QTest::addColumn<QByteArray>("environment"); // null: unset
+        QTest::addColumn<QString>("userAnswer"); // empty: no confirmation function
+        QTest::addColumn<bool>("accepted");
+
+        // The decision in a tunnel thread, where KB_TRUSTED_HOSTS alone decides without waiting for
+        // the main thread, is checked end to end by tst_e2e_tls (REST and WebSocket of a tunnel).
+        QTest::newRow("refused by default") << QByteArray() << QString() << false;
+        QTest::newRow("user trusts") << QByteArray() << QStringLiteral("trust") << true;
+        QTest::newRow("user refuses") << QByteArray() << QStringLiteral("untrust") << false;
+        QTest::newRow("host trusted") << QByteArray("127.0.0.1") << QString() << true;
+    }
+
+    void httpsWithSelfSignedCertificate()
+    {
+        QFETCH(QByteArray, environment);
+        QFETCH(QString, userAnswer);
+        QFETCH(bool, accepted);
+        if (!environment.isNull())
+            qputenv(SslErrorHandler::KB_TRUSTED_HOSTS_ENV, environment);
+        QObject receiver;
+        if (!userAnswer.isEmpty()) {
+            m_provider->getSslErrorHandler()->setUserConfirmationFunction(
+                &receiver, [userAnswer](SslErrorUserHandler* question) {
+                    // Answered later, as a user would, while the handshake waits.
+                    QMetaObject::invokeMethod(question, userAnswer.toLatin1().constData(),
+                                              Qt::QueuedConnection);
+                });
+        }
+        if (!accepted)
+            QTest::ignoreMessage(QtDebugMsg, "SSL Error: reject connection");
+        // A refused certificate is final: the request is not sent again.
+        QTest::failOnWarning(QRegularExpression(QStringLiteral("retrying")));
+
+        TestHttpServer server([](const TestHttpRequest&) { return TestHttpResponse::json(200, "{}"); });
+        QVERIFY(server.listenTls(m_certificate, m_key));
+        PlatformApiTokenWebServiceClient client(server.baseUrl(), &m_credentials,
+                                                m_provider->getNetworkAccessManager(), nullptr);
+        WebServiceJob* job = client.get(QStringLiteral("/v1/instances/abc"));
+        job->waitForFinished(0);
+        const WebServiceResult result = job->getResult();
+
+        QCOMPARE(result.getNetworkError(),
+                 accepted ? QNetworkReply::NoError : QNetworkReply::SslHandshakeFailedError);
+        QCOMPARE(result.getHttpStatusCode(), accepted ? 200 : 0);
+        if (userAnswer == QLatin1String("trust"))
+            QCOMPARE(qgetenv(SslErrorHandler::KB_TRUSTED_HOSTS_ENV), QByteArray("127.0.0.1"));
+        QCoreApplication::processEvents();
+    }
+
+    void preloadTlsLibraries()
+    {
+        QVERIFY(SslLibs::preloadLibrary(QStringLiteral("ssl"), QLatin1String(SslLibs::OPENSSL_SOVERSION)));
+        QTest::ignoreMessage(QtCriticalMsg,
+                             QRegularExpression(QStringLiteral("^Failed to preload \"kbnosuchlib\" \"9\"")));
+        QVERIFY(!SslLibs::preloadLibrary(QStringLiteral("kbnosuchlib"), QStringLiteral("9")));
+    }
 
 private:
-    // Runs function in a thread of its own while this thread keeps serving the test servers.
-    bool runInThread(const std::function<void()>& function);
-
     QTemporaryDir m_dir;
     QSslCertificate m_certificate;
     QSslKey m_key;
     std::unique_ptr<NetworkProvider> m_provider;
     TestCredentials m_credentials;
 };
-
-void TestNetworkProvider::initTestCase()
-{
-    QVERIFY(m_dir.isValid());
-    QProcess openssl;
-    openssl.setWorkingDirectory(m_dir.path());
-    openssl.start(QStringLiteral("openssl"),
-                  { QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"),
-                    QStringLiteral("ec"), QStringLiteral("-pkeyopt"),
-                    QStringLiteral("ec_paramgen_curve:prime256v1"), QStringLiteral("-nodes"),
-                    QStringLiteral("-keyout"), QStringLiteral("key.pem"), QStringLiteral("-out"),
-                    QStringLiteral("cert.pem"), QStringLiteral("-days"), QStringLiteral("2"),
-                    QStringLiteral("-subj"), QStringLiteral("/CN=kb-test-server") });
-    QVERIFY2(openssl.waitForFinished(30000), qPrintable(openssl.errorString()));
-    QCOMPARE(openssl.exitCode(), 0);
-
-    const QList<QSslCertificate> certificates
-        = QSslCertificate::fromPath(m_dir.filePath(QStringLiteral("cert.pem")));
-    QCOMPARE(certificates.size(), 1);
-    m_certificate = certificates.first();
-    QFile keyFile(m_dir.filePath(QStringLiteral("key.pem")));
-    QVERIFY(keyFile.open(QIODevice::ReadOnly));
-    m_key = QSslKey(keyFile.readAll(), QSsl::Ec, QSsl::Pem);
-    QVERIFY(!m_key.isNull());
-
-    m_provider = std::make_unique<NetworkProvider>();
-    m_provider->setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
-}
-
-void TestNetworkProvider::init()
-{
-    qunsetenv(SslErrorHandler::KB_TRUSTED_HOSTS_ENV);
-    m_provider->getSslErrorHandler()->setTrustedHosts({});
-    m_provider->getSslErrorHandler()->setUserConfirmationFunction(nullptr, {});
-}
-
-bool TestNetworkProvider::runInThread(const std::function<void()>& function)
-{
-    std::unique_ptr<QThread> thread(QThread::create(function));
-    QSignalSpy finished(thread.get(), &QThread::finished);
-    thread->start();
-    const bool ok = finished.wait(20000);
-    thread->wait();
-    return ok;
-}
-
-void TestNetworkProvider::oneAccessManagerPerThread()
-{
-    QNetworkAccessManager* mine = m_provider->getNetworkAccessManager();
-    QVERIFY(mine);
-    QCOMPARE(m_provider->getNetworkAccessManager(), mine);
-
-    QNetworkAccessManager* theirs = nullptr;
-    QNetworkAccessManager* theirsAgain = nullptr;
-    bool theirsInTheirThread = false;
-    std::atomic<bool> theirsDestroyed { false };
-    QObject watcher;
-    QVERIFY(runInThread([&]() {
-        theirs = m_provider->getNetworkAccessManager();
-        theirsAgain = m_provider->getNetworkAccessManager();
-        theirsInTheirThread = theirs->thread() == QThread::currentThread();
-        connect(
-            theirs, &QObject::destroyed, &watcher, [&]() { theirsDestroyed = true; }, Qt::DirectConnection);
-    }));
-    QVERIFY(theirs);
-    QVERIFY(theirs != mine);
-    QCOMPARE(theirsAgain, theirs);
-    QVERIFY(theirsInTheirThread);
-    QVERIFY(theirsDestroyed); // with the end of its thread
-}
-
-void TestNetworkProvider::trustedHosts_data()
-{
-    QTest::addColumn<QByteArray>("environment"); // null: unset
-    QTest::addColumn<QStringList>("inCode");
-    QTest::addColumn<QString>("host");
-    QTest::addColumn<bool>("trusted");
-
-    const auto row = [](const char* name, const QByteArray& environment, const char* host, bool trusted,
-                        const QStringList& inCode = {}) {
-        QTest::newRow(name) << environment << inCode << QString::fromLatin1(host) << trusted;
-    };
-    row("nothing trusted", QByteArray(), "127.0.0.1", false);
-    row("empty variable", "", "127.0.0.1", false);
-    row("exact host", "127.0.0.1", "127.0.0.1", true);
-    row("second of two, two commas", "localhost,,127.0.0.1", "127.0.0.1", true);
-    row("entry with scheme", "https://127.0.0.1", "127.0.0.1", false);
-    row("entry with port", "127.0.0.1:8443", "127.0.0.1", false);
-    row("blank after comma", "localhost, 127.0.0.1", "127.0.0.1", false);
-    row("other letter case", "LocalHost", "localhost", false);
-    row("no wildcards", "*.example.test", "api.example.test", false);
-    row("list set in code", "other.test", "api.example.test", true, { QStringLiteral("api.example.test") });
-}
-
-void TestNetworkProvider::trustedHosts()
-{
-    QFETCH(QByteArray, environment);
-    QFETCH(QStringList, inCode);
-    QFETCH(QString, host);
-    QFETCH(bool, trusted);
-    if (!environment.isNull())
-        qputenv(SslErrorHandler::KB_TRUSTED_HOSTS_ENV, environment);
-    m_provider->getSslErrorHandler()->setTrustedHosts(inCode);
-    QCOMPARE(m_provider->getSslErrorHandler()->isIgnoringErrors(host), trusted);
-}
-
-void TestNetworkProvider::httpsWithSelfSignedCertificate_data()
-{
-    QTest::addColumn<QByteArray>("environment"); // null: unset
-    QTest::addColumn<QString>("userAnswer"); // empty: no confirmation function
-    QTest::addColumn<bool>("inThread");
-    QTest::addColumn<bool>("accepted");
-
-    QTest::newRow("refused by default") << QByteArray() << QString() << false << false;
-    QTest::newRow("user trusts") << QByteArray() << QStringLiteral("trust") << false << true;
-    QTest::newRow("user refuses") << QByteArray() << QStringLiteral("untrust") << false << false;
-    // A tunnel thread's handshake does not wait for the handler in the main thread: the trust
-    // decision is taken in the reply's own thread.
-    QTest::newRow("other thread, host trusted") << QByteArray("127.0.0.1") << QString() << true << true;
-    QTest::newRow("other thread, other host trusted")
-        << QByteArray("localhost") << QString() << true << false;
-}
-
-void TestNetworkProvider::httpsWithSelfSignedCertificate()
-{
-    QFETCH(QByteArray, environment);
-    QFETCH(QString, userAnswer);
-    QFETCH(bool, inThread);
-    QFETCH(bool, accepted);
-    if (!environment.isNull())
-        qputenv(SslErrorHandler::KB_TRUSTED_HOSTS_ENV, environment);
-    QObject receiver;
-    if (!userAnswer.isEmpty()) {
-        m_provider->getSslErrorHandler()->setUserConfirmationFunction(
-            &receiver, [userAnswer](SslErrorUserHandler* question) {
-                // Answered later, as a user would, while the handshake waits.
-                QMetaObject::invokeMethod(question, userAnswer.toLatin1().constData(), Qt::QueuedConnection);
-            });
-    }
-    if (!accepted && !inThread)
-        QTest::ignoreMessage(QtDebugMsg, "SSL Error: reject connection");
-    QTest::failOnWarning(QRegularExpression(QStringLiteral("retrying")));
-
-    TestHttpServer server([](const TestHttpRequest&) { return TestHttpResponse::json(200, "{}"); });
-    QVERIFY(server.listenTls(m_certificate, m_key));
-    WebServiceResult result;
-    const auto get = [&]() {
-        PlatformApiTokenWebServiceClient client(server.baseUrl(), &m_credentials,
-                                                m_provider->getNetworkAccessManager(), nullptr);
-        WebServiceJob* job = client.get(QStringLiteral("/v1/instances/abc"));
-        job->waitForFinished(0);
-        result = job->getResult();
-    };
-    if (inThread)
-        QVERIFY(runInThread(get));
-    else
-        get();
-
-    QCOMPARE(result.getNetworkError(),
-             accepted ? QNetworkReply::NoError : QNetworkReply::SslHandshakeFailedError);
-    QCOMPARE(result.getHttpStatusCode(), accepted ? 200 : 0);
-    // A refused certificate is final: the request is not sent again.
-    QCOMPARE(server.connectionCount(), 1);
-    if (userAnswer == QLatin1String("trust"))
-        QCOMPARE(qgetenv(SslErrorHandler::KB_TRUSTED_HOSTS_ENV), QByteArray("127.0.0.1"));
-    QCoreApplication::processEvents();
-}
-
-void TestNetworkProvider::preloadTlsLibraries()
-{
-    QVERIFY(SslLibs::preloadLibrary(QStringLiteral("ssl"), QLatin1String(SslLibs::OPENSSL_SOVERSION)));
-    QTest::ignoreMessage(QtCriticalMsg,
-                         QRegularExpression(QStringLiteral("^Failed to preload \"kbnosuchlib\" \"9\"")));
-    QVERIFY(!SslLibs::preloadLibrary(QStringLiteral("kbnosuchlib"), QStringLiteral("9")));
-}
 
 QTEST_GUILESS_MAIN(TestNetworkProvider)
 #include "tst_networkprovider.moc"

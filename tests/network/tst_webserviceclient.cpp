@@ -6,6 +6,7 @@
 #include "network/webservicejob.h"
 #include "testcredentials.h"
 #include "testhttpserver.h"
+#include "testkit.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -13,7 +14,6 @@
 #include <QPointer>
 #include <QRegularExpression>
 #include <QSignalSpy>
-#include <QTcpServer>
 #include <QTest>
 #include <QUrlQuery>
 
@@ -33,348 +33,313 @@ class TestWebServiceClient : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase();
+    void initTestCase()
+    {
+        QCoreApplication::setApplicationVersion(QStringLiteral("1.16.0"));
+        m_credentials.email = QStringLiteral("dev@example.com");
+        m_credentials.password = QStringLiteral("secret");
+    }
+
     void init() { m_nam = std::make_unique<QNetworkAccessManager>(); }
-    void userAgent_data();
-    void userAgent();
-    void urlIsJoinedWithoutNormalisation();
-    void noUsableAnswer_data();
-    void noUsableAnswer();
-    void httpErrorStatus_data();
-    void httpErrorStatus();
-    void sessionRefresh_data();
-    void sessionRefresh();
-    void loginKeepsFailing_data();
-    void loginKeepsFailing();
-    void apiTokenClient();
-    void waitForFinished_data();
-    void waitForFinished();
+    void userAgent_data()
+    {
+        QTest::addColumn<QByteArray>("environment"); // null: unset
+        QTest::addColumn<QString>("extraBase");
+        QTest::addColumn<QString>("expected");
+
+        const QString platform = Platform::getPlatform();
+        QTest::newRow("KB_USER_AGENT is the whole agent")
+            << QByteArray("Custom Agent/2.0 (ci)") << QStringLiteral("Hub")
+            << QStringLiteral("Custom Agent/2.0 (ci)");
+        QTest::newRow("empty KB_USER_AGENT is ignored")
+            << QByteArray("") << QString() << QStringLiteral("Tarnwright Kestrelbox 1.16.0 - ") + platform;
+        QTest::newRow("extra base") << QByteArray() << QStringLiteral("Onsite")
+                                    << QStringLiteral("Tarnwright Kestrelbox Onsite 1.16.0 - ") + platform;
+    }
+
+    void userAgent()
+    {
+        QFETCH(QByteArray, environment);
+        QFETCH(QString, extraBase);
+        QFETCH(QString, expected);
+        qunsetenv(NetworkManager::ENV_USER_AGENT);
+        if (!environment.isNull())
+            qputenv(NetworkManager::ENV_USER_AGENT, environment);
+        NetworkManager::setExtraUserAgentBase(extraBase);
+        QVERIFY(Platform::getPlatform().startsWith(QLatin1String("Linux ")));
+
+        TestHttpServer server([](const TestHttpRequest&) { return Response::json(200, "{}"); });
+        QVERIFY(server.listen());
+        PlatformApiTokenWebServiceClient client(server.baseUrl(), &m_credentials, m_nam.get(), nullptr);
+        fetch(client);
+        QCOMPARE(QString::fromUtf8(server.requests().value(0).headers.value("user-agent")), expected);
+        qunsetenv(NetworkManager::ENV_USER_AGENT);
+        NetworkManager::setExtraUserAgentBase(QString());
+    }
+
+    void urlIsJoinedWithoutNormalisation()
+    {
+        TestHttpServer server([](const TestHttpRequest&) { return Response::json(200, "{}"); });
+        QVERIFY(server.listen());
+        QUrl base = server.baseUrl();
+        base.setPath(QStringLiteral("/api/"));
+        PlatformApiTokenWebServiceClient client(base, &m_credentials, m_nam.get(), nullptr);
+        fetch(client);
+        QUrlQuery query;
+        query.addQueryItem(QStringLiteral("page"), QStringLiteral("2"));
+        QVERIFY(client.get(QStringLiteral("/v1/instances"), query)->waitForFinished(0));
+        fetch(client, QStringLiteral("v1"));
+
+        const QList<QByteArray> expected { "GET /api//v1/instances/abc", "GET /api//v1/instances?page=2",
+                                           "GET /api/v1" };
+        QCOMPARE(server.targets(), expected);
+    }
+
+    void noUsableAnswer_data()
+    {
+        // Without an HTTP status the request is sent again, three times at most, and then ends as a
+        // time-out; with one it is not.
+        QTest::addColumn<int>("mode"); // -1: nothing listens
+        QTest::addColumn<int>("status");
+        QTest::addColumn<int>("expectedNetworkError");
+        const auto row = [](const char* name, int mode, int status, QNetworkReply::NetworkError error) {
+            QTest::newRow(name) << mode << status << int(error);
+        };
+        row("nothing listens", -1, 0, QNetworkReply::ConnectionRefusedError);
+        row("connection closed without an answer", Response::CloseWithoutAnswer, 200,
+            QNetworkReply::RemoteHostClosedError);
+        row("server never answers", Response::NeverAnswer, 200, QNetworkReply::TimeoutError);
+        // Qt withholds a 401 until its body is complete: no status, so no login either.
+        row("401 cut mid-body", Response::CloseMidBody, 401, QNetworkReply::RemoteHostClosedError);
+        row("200 cut mid-body", Response::CloseMidBody, 200, QNetworkReply::RemoteHostClosedError);
+    }
+
+    void noUsableAnswer()
+    {
+        QFETCH(int, mode);
+        QFETCH(int, status);
+        QFETCH(int, expectedNetworkError);
+        const bool statusSeen = mode == Response::CloseMidBody && status == 200;
+        const int expectedRequests = statusSeen ? 1 : 4;
+
+        TestHttpServer server([&](const TestHttpRequest&) {
+            Response response = Response::json(status, QByteArray(100000, 'x'));
+            response.mode = Response::Mode(mode);
+            return response;
+        });
+        QVERIFY(server.listen());
+        QUrl base = server.baseUrl();
+        if (mode < 0)
+            base.setPort(TestKit::freeLoopbackPort());
+        for (int attempt = 1; attempt < expectedRequests; ++attempt)
+            QTest::ignoreMessage(
+                QtWarningMsg,
+                QRegularExpression(QStringLiteral("^Request failed, retrying \\(%1/3\\) %2")
+                                       .arg(attempt)
+                                       .arg(QRegularExpression::escape(base.toString() + INSTANCE_PATH))));
+        if (mode == Response::NeverAnswer) {
+            for (int attempt = 0; attempt < expectedRequests; ++attempt)
+                QTest::ignoreMessage(QtWarningMsg, "Timeout has occured on HTTP request.");
+        }
+        QTest::failOnWarning(QRegularExpression(QStringLiteral("retrying \\(%1/").arg(expectedRequests)));
+
+        PlatformWebServiceClient client(base, &m_credentials, m_nam.get(), nullptr);
+        client.getNetworkManager()->setTimeout(200);
+        const WebServiceResult result = fetch(client);
+        QCOMPARE(result.getError(), statusSeen ? WebServiceResult::NetworkError : WebServiceResult::Timeout);
+        QCOMPARE(int(result.getNetworkError()), expectedNetworkError);
+        QCOMPARE(result.getHttpStatusCode(), statusSeen ? 200 : 0);
+        // Qt itself sends a request once more when a connection closes before any answer.
+        if (mode == Response::CloseWithoutAnswer)
+            QVERIFY(server.requests().size() >= expectedRequests);
+        else if (mode >= 0)
+            QCOMPARE(server.requests().size(), expectedRequests);
+        QVERIFY(!server.targets().contains("POST /v1/users/login"));
+        if (!statusSeen)
+            QVERIFY(result.getErrorString().endsWith(QLatin1String(". Request timeout")));
+        if (expectedNetworkError == QNetworkReply::TimeoutError)
+            QCOMPARE(result.getErrorString(), QStringLiteral("Timeout detected. Request timeout"));
+    }
+
+    void httpErrorStatus_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<int>("expectedNetworkError");
+
+        QTest::newRow("404 with a body") << 404 << QByteArray("{\"message\": \"no such instance\"}")
+                                         << int(QNetworkReply::ContentNotFoundError);
+        QTest::newRow("500 with a long body")
+            << 500 << QByteArray(300, 'e') << int(QNetworkReply::InternalServerError);
+    }
+
+    void httpErrorStatus()
+    {
+        QFETCH(int, status);
+        QFETCH(QByteArray, body);
+        QFETCH(int, expectedNetworkError);
+
+        TestHttpServer server([&](const TestHttpRequest&) { return Response::json(status, body); });
+        QVERIFY(server.listen());
+        QTest::ignoreMessage(QtWarningMsg, "HTTP response is an error");
+        QTest::ignoreMessage(QtDebugMsg,
+                             qPrintable(QStringLiteral("HTTP status code: %1, from cache: 0").arg(status)));
+        QTest::ignoreMessage(QtDebugMsg, "- Content-Type: application/json");
+        QTest::ignoreMessage(QtDebugMsg,
+                             qPrintable(QStringLiteral("HTTP content (first 127 bytes): ")
+                                        + QString::fromUtf8(body.left(127))));
+        QTest::failOnWarning(QRegularExpression(QStringLiteral("retrying")));
+
+        PlatformApiTokenWebServiceClient client(server.baseUrl(), &m_credentials, m_nam.get(), nullptr);
+        const WebServiceResult result = fetch(client);
+        QCOMPARE(result.getError(), WebServiceResult::NetworkError);
+        QCOMPARE(int(result.getNetworkError()), expectedNetworkError);
+        QCOMPARE(result.getHttpStatusCode(), status);
+        QCOMPARE(result.getContent(), body);
+        QCOMPARE(server.requests().size(), 1);
+    }
+
+    void sessionRefresh_data()
+    {
+        QTest::addColumn<int>("loginStatus");
+        QTest::addColumn<QByteArray>("loginAnswer");
+        QTest::addColumn<QString>("warning"); // logged once per login
+        QTest::addColumn<bool>("refreshed"); // else the client logs in three times and gives up
+
+        QTest::newRow("full login answer")
+            << 200
+            << QByteArray(R"({"token": "tok-1", "user": {"email": "dev@example.com", "uuid": "u-1",)"
+                          R"("is_organization_manager": true, "organization": {"name": "Acme"}}})")
+            << QString() << true;
+        QTest::newRow("user without organization")
+            << 200 << QByteArray(R"({"token": "tok-1", "user": {"email": "dev@example.com", "uuid": "u-1"}})")
+            << QStringLiteral("^Missing or empty 'organization' field in API response$") << true;
+        QTest::newRow("login refused") << 403 << QByteArray(R"({"message": "bad password"})")
+                                       << QStringLiteral("^Login failed:") << false;
+        QTest::newRow("token is not a string")
+            << 200 << QByteArray(R"({"token": 42})")
+            << QStringLiteral("^Refresh session failed\\. Error message for refresh call : ") << false;
+        QTest::newRow("answer is not JSON")
+            << 200 << QByteArray("<html>maintenance</html>") << QString() << false;
+    }
+
+    void sessionRefresh()
+    {
+        QFETCH(int, loginStatus);
+        QFETCH(QByteArray, loginAnswer);
+        QFETCH(QString, warning);
+        QFETCH(bool, refreshed);
+
+        TestHttpServer server([&](const TestHttpRequest& request) {
+            if (request.target == "/v1/users/login")
+                return Response::json(loginStatus, loginAnswer);
+            if (request.headers.value("authorization") == "Bearer tok-1")
+                return Response::json(200, "{\"adb_url\": \"wss://example.invalid/adb\"}");
+            return Response::json(401, R"({"message": "Unauthorized"})");
+        });
+        QVERIFY(server.listen());
+        const int logins = refreshed ? 1 : 3;
+        for (int login = 0; login < logins && !warning.isEmpty(); ++login)
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(warning));
+        if (refreshed)
+            QTest::failOnWarning(QRegularExpression(QStringLiteral(".")));
+
+        PlatformWebServiceClient client(server.baseUrl(), &m_credentials, m_nam.get(), nullptr);
+        const WebServiceResult result = fetch(client);
+        QList<QByteArray> expected { "GET /v1/instances/abc" };
+        for (int login = 0; login < logins; ++login)
+            expected << "POST /v1/users/login"
+                     << "GET /v1/instances/abc";
+        QCOMPARE(server.targets(), expected);
+        // The login body and the Bearer header are checked against the simulator end to end.
+        QVERIFY(!server.requests().at(0).headers.contains("authorization"));
+        if (refreshed) {
+            QCOMPARE(result.getError(), WebServiceResult::NoError);
+            QCOMPARE(result.getHttpStatusCode(), 200);
+            QCOMPARE(client.getSaaSUser().uuid, QStringLiteral("u-1"));
+            QCOMPARE(client.getSaaSUser().isOrganizationManager, warning.isEmpty());
+            return;
+        }
+        QCOMPARE(result.getError(), WebServiceResult::SessionNotRefreshable);
+        QCOMPARE(result.getHttpStatusCode(), 401);
+        QCOMPARE(result.getNetworkError(), QNetworkReply::AuthenticationRequiredError);
+        QVERIFY2(
+            result.getErrorString().endsWith(QLatin1String(". Could not refresh session after 3 retries")),
+            qPrintable(result.getErrorString()));
+        QVERIFY(client.getSaaSUser().token.isEmpty());
+    }
+
+    void apiTokenClient()
+    {
+        TestHttpServer server(
+            [](const TestHttpRequest&) { return Response::json(401, R"({"message": "Unauthorized"})"); });
+        QVERIFY(server.listen());
+        TestCredentials credentials;
+        credentials.apiToken = QStringLiteral("tok-A");
+        PlatformApiTokenWebServiceClient client(server.baseUrl(), &credentials, m_nam.get(), nullptr);
+
+        // Nobody waits: the job must still deliver its result and free itself.
+        QPointer<WebServiceJob> first = client.post(
+            Endpoints::PLATFORM_INSTANCE_ACCESS_TOKEN,
+            QJsonDocument(QJsonObject { { QStringLiteral("instance_uuid"), QStringLiteral("abc") } }));
+        QSignalSpy firstFinished(first.data(), &WebServiceJob::finished);
+        QVERIFY(firstFinished.wait());
+        QTRY_VERIFY(first.isNull());
+        const WebServiceResult result = firstFinished.at(0).at(0).value<WebServiceResult>();
+        QCOMPARE(result.getError(), WebServiceResult::NetworkError);
+        QCOMPARE(result.getHttpStatusCode(), 401);
+
+        // A 401 does not make this client log in, and the token is read again for each request.
+        credentials.apiToken = QStringLiteral("tok-B");
+        fetch(client);
+        const QList<QByteArray> expected { "POST /v1/instances/access-token", "GET /v1/instances/abc" };
+        QCOMPARE(server.targets(), expected);
+        QCOMPARE(server.requests().at(0).headers.value("x-api-token"), QByteArray("tok-A"));
+        QCOMPARE(server.requests().at(1).headers.value("x-api-token"), QByteArray("tok-B"));
+        QVERIFY(!server.requests().at(1).headers.contains("authorization"));
+    }
+
+    void waitForFinished_data()
+    {
+        QTest::addColumn<int>("limit");
+        QTest::addColumn<bool>("userCancels");
+        QTest::addColumn<bool>("expectedReturn");
+        QTest::addColumn<QString>("expectedErrorString");
+
+        QTest::newRow("limit reached")
+            << 100 << false << false << QStringLiteral("Request has been canceled by timeout");
+        QTest::newRow("cancelled by the user")
+            << 0 << true << true << QStringLiteral("Request has been canceled by the user");
+    }
+
+    void waitForFinished()
+    {
+        QFETCH(int, limit);
+        QFETCH(bool, userCancels);
+        QFETCH(bool, expectedReturn);
+        QFETCH(QString, expectedErrorString);
+
+        QPointer<WebServiceJob> job;
+        TestHttpServer server([&](const TestHttpRequest&) {
+            if (userCancels && job)
+                job->cancel(); // once the request is out
+            return Response { 200, {}, Response::NeverAnswer };
+        });
+        QVERIFY(server.listen());
+        PlatformApiTokenWebServiceClient client(server.baseUrl(), &m_credentials, m_nam.get(), nullptr);
+        job = client.get(INSTANCE_PATH);
+
+        QCOMPARE(job->waitForFinished(limit), expectedReturn);
+        QCOMPARE(job->getResult().getError(), WebServiceResult::Canceled);
+        QCOMPARE(job->getResult().getErrorString(), expectedErrorString);
+        QTRY_VERIFY(job.isNull());
+        QCOMPARE(server.requests().size(), 1);
+    }
 
 private:
     TestCredentials m_credentials;
     std::unique_ptr<QNetworkAccessManager> m_nam; // fresh for each test: no connection is reused
 };
-
-void TestWebServiceClient::initTestCase()
-{
-    QCoreApplication::setApplicationVersion(QStringLiteral("1.16.0"));
-    m_credentials.email = QStringLiteral("dev@example.com");
-    m_credentials.password = QStringLiteral("secret");
-}
-
-void TestWebServiceClient::userAgent_data()
-{
-    QTest::addColumn<QByteArray>("environment"); // null: unset
-    QTest::addColumn<QString>("extraBase");
-    QTest::addColumn<QString>("expected");
-
-    const QString platform = Platform::getPlatform();
-    QTest::newRow("KB_USER_AGENT is the whole agent")
-        << QByteArray("Custom Agent/2.0 (ci)") << QStringLiteral("Hub")
-        << QStringLiteral("Custom Agent/2.0 (ci)");
-    QTest::newRow("empty KB_USER_AGENT is ignored")
-        << QByteArray("") << QString() << QStringLiteral("Tarnwright Kestrelbox 1.16.0 - ") + platform;
-    QTest::newRow("extra base") << QByteArray() << QStringLiteral("Onsite")
-                                << QStringLiteral("Tarnwright Kestrelbox Onsite 1.16.0 - ") + platform;
-}
-
-void TestWebServiceClient::userAgent()
-{
-    QFETCH(QByteArray, environment);
-    QFETCH(QString, extraBase);
-    QFETCH(QString, expected);
-    qunsetenv(NetworkManager::ENV_USER_AGENT);
-    if (!environment.isNull())
-        qputenv(NetworkManager::ENV_USER_AGENT, environment);
-    NetworkManager::setExtraUserAgentBase(extraBase);
-    QVERIFY(Platform::getPlatform().startsWith(QLatin1String("Linux ")));
-
-    TestHttpServer server([](const TestHttpRequest&) { return Response::json(200, "{}"); });
-    QVERIFY(server.listen());
-    PlatformApiTokenWebServiceClient client(server.baseUrl(), &m_credentials, m_nam.get(), nullptr);
-    fetch(client);
-    QCOMPARE(QString::fromUtf8(server.requests().value(0).headers.value("user-agent")), expected);
-    qunsetenv(NetworkManager::ENV_USER_AGENT);
-    NetworkManager::setExtraUserAgentBase(QString());
-}
-
-void TestWebServiceClient::urlIsJoinedWithoutNormalisation()
-{
-    TestHttpServer server([](const TestHttpRequest&) { return Response::json(200, "{}"); });
-    QVERIFY(server.listen());
-    QUrl base = server.baseUrl();
-    base.setPath(QStringLiteral("/api/"));
-    PlatformApiTokenWebServiceClient client(base, &m_credentials, m_nam.get(), nullptr);
-    fetch(client);
-    QUrlQuery query;
-    query.addQueryItem(QStringLiteral("page"), QStringLiteral("2"));
-    QVERIFY(client.get(QStringLiteral("/v1/instances"), query)->waitForFinished(0));
-    fetch(client, QStringLiteral("v1"));
-
-    const QList<QByteArray> expected { "GET /api//v1/instances/abc", "GET /api//v1/instances?page=2",
-                                       "GET /api/v1" };
-    QCOMPARE(server.targets(), expected);
-}
-
-void TestWebServiceClient::noUsableAnswer_data()
-{
-    // Without an HTTP status the request is sent again, three times at most, and then ends as a
-    // time-out; with one it is not.
-    QTest::addColumn<int>("mode"); // -1: nothing listens
-    QTest::addColumn<int>("status");
-    QTest::addColumn<int>("expectedNetworkError");
-    const auto row = [](const char* name, int mode, int status, QNetworkReply::NetworkError error) {
-        QTest::newRow(name) << mode << status << int(error);
-    };
-    row("nothing listens", -1, 0, QNetworkReply::ConnectionRefusedError);
-    row("connection closed without an answer", Response::CloseWithoutAnswer, 200,
-        QNetworkReply::RemoteHostClosedError);
-    row("server never answers", Response::NeverAnswer, 200, QNetworkReply::TimeoutError);
-    // Qt withholds a 401 until its body is complete: no status, so no login either.
-    row("401 cut mid-body", Response::CloseMidBody, 401, QNetworkReply::RemoteHostClosedError);
-    row("200 cut mid-body", Response::CloseMidBody, 200, QNetworkReply::RemoteHostClosedError);
-}
-
-void TestWebServiceClient::noUsableAnswer()
-{
-    QFETCH(int, mode);
-    QFETCH(int, status);
-    QFETCH(int, expectedNetworkError);
-    const bool statusSeen = mode == Response::CloseMidBody && status == 200;
-    const int expectedRequests = statusSeen ? 1 : 4;
-
-    TestHttpServer server([&](const TestHttpRequest&) {
-        Response response = Response::json(status, QByteArray(100000, 'x'));
-        response.mode = Response::Mode(mode);
-        return response;
-    });
-    QVERIFY(server.listen());
-    QUrl base = server.baseUrl();
-    if (mode < 0) {
-        QTcpServer closed;
-        closed.listen(QHostAddress::LocalHost);
-        base.setPort(closed.serverPort());
-    }
-    for (int attempt = 1; attempt < expectedRequests; ++attempt)
-        QTest::ignoreMessage(
-            QtWarningMsg,
-            QRegularExpression(QStringLiteral("^Request failed, retrying \\(%1/3\\) %2")
-                                   .arg(attempt)
-                                   .arg(QRegularExpression::escape(base.toString() + INSTANCE_PATH))));
-    if (mode == Response::NeverAnswer) {
-        for (int attempt = 0; attempt < expectedRequests; ++attempt)
-            QTest::ignoreMessage(QtWarningMsg, "Timeout has occured on HTTP request.");
-    }
-    QTest::failOnWarning(QRegularExpression(QStringLiteral("retrying \\(%1/").arg(expectedRequests)));
-
-    PlatformWebServiceClient client(base, &m_credentials, m_nam.get(), nullptr);
-    client.getNetworkManager()->setTimeout(200);
-    const WebServiceResult result = fetch(client);
-    QCOMPARE(result.getError(), statusSeen ? WebServiceResult::NetworkError : WebServiceResult::Timeout);
-    QCOMPARE(int(result.getNetworkError()), expectedNetworkError);
-    QCOMPARE(result.getHttpStatusCode(), statusSeen ? 200 : 0);
-    // Qt itself sends a request once more when a connection closes before any answer.
-    if (mode == Response::CloseWithoutAnswer)
-        QVERIFY(server.requests().size() >= expectedRequests);
-    else if (mode >= 0)
-        QCOMPARE(server.requests().size(), expectedRequests);
-    QVERIFY(!server.targets().contains("POST /v1/users/login"));
-    if (!statusSeen)
-        QVERIFY(result.getErrorString().endsWith(QLatin1String(". Request timeout")));
-    if (expectedNetworkError == QNetworkReply::TimeoutError)
-        QCOMPARE(result.getErrorString(), QStringLiteral("Timeout detected. Request timeout"));
-}
-
-void TestWebServiceClient::httpErrorStatus_data()
-{
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QByteArray>("body");
-    QTest::addColumn<int>("expectedNetworkError");
-
-    QTest::newRow("404 with a body") << 404 << QByteArray("{\"message\": \"no such instance\"}")
-                                     << int(QNetworkReply::ContentNotFoundError);
-    QTest::newRow("500 with a long body")
-        << 500 << QByteArray(300, 'e') << int(QNetworkReply::InternalServerError);
-}
-
-void TestWebServiceClient::httpErrorStatus()
-{
-    QFETCH(int, status);
-    QFETCH(QByteArray, body);
-    QFETCH(int, expectedNetworkError);
-
-    TestHttpServer server([&](const TestHttpRequest&) { return Response::json(status, body); });
-    QVERIFY(server.listen());
-    QTest::ignoreMessage(QtWarningMsg, "HTTP response is an error");
-    QTest::ignoreMessage(QtDebugMsg,
-                         qPrintable(QStringLiteral("HTTP status code: %1, from cache: 0").arg(status)));
-    QTest::ignoreMessage(QtDebugMsg, "- Content-Type: application/json");
-    QTest::ignoreMessage(
-        QtDebugMsg,
-        qPrintable(QStringLiteral("HTTP content (first 127 bytes): ") + QString::fromUtf8(body.left(127))));
-    QTest::failOnWarning(QRegularExpression(QStringLiteral("retrying")));
-
-    PlatformApiTokenWebServiceClient client(server.baseUrl(), &m_credentials, m_nam.get(), nullptr);
-    const WebServiceResult result = fetch(client);
-    QCOMPARE(result.getError(), WebServiceResult::NetworkError);
-    QCOMPARE(int(result.getNetworkError()), expectedNetworkError);
-    QCOMPARE(result.getHttpStatusCode(), status);
-    QCOMPARE(result.getContent(), body);
-    QCOMPARE(server.requests().size(), 1);
-}
-
-void TestWebServiceClient::sessionRefresh_data()
-{
-    QTest::addColumn<QByteArray>("loginAnswer");
-    QTest::addColumn<bool>("organizationWarning");
-
-    QTest::newRow("full login answer")
-        << QByteArray(R"({"token": "tok-1", "user": {"email": "dev@example.com",
-                      "uuid": "u-1", "is_organization_manager": true, "organization": {"name": "Acme"}}})")
-        << false;
-    QTest::newRow("user without organization")
-        << QByteArray(R"({"token": "tok-1", "user": {"email": "dev@example.com", "uuid": "u-1"}})") << true;
-}
-
-void TestWebServiceClient::sessionRefresh()
-{
-    QFETCH(QByteArray, loginAnswer);
-    QFETCH(bool, organizationWarning);
-
-    TestHttpServer server([&](const TestHttpRequest& request) {
-        if (request.target == "/v1/users/login")
-            return Response::json(200, loginAnswer);
-        if (request.headers.value("authorization") == "Bearer tok-1")
-            return Response::json(200, R"({"adb_url": "wss://example.invalid/adb"})");
-        return Response::json(401, R"({"message": "Unauthorized"})");
-    });
-    QVERIFY(server.listen());
-    if (organizationWarning)
-        QTest::ignoreMessage(QtWarningMsg, "Missing or empty 'organization' field in API response");
-    else
-        QTest::failOnWarning(QRegularExpression(QStringLiteral("organization")));
-
-    PlatformWebServiceClient client(server.baseUrl(), &m_credentials, m_nam.get(), nullptr);
-    const WebServiceResult result = fetch(client);
-    QCOMPARE(result.getError(), WebServiceResult::NoError);
-    QCOMPARE(result.getHttpStatusCode(), 200);
-
-    const QList<QByteArray> expected { "GET /v1/instances/abc", "POST /v1/users/login",
-                                       "GET /v1/instances/abc" };
-    QCOMPARE(server.targets(), expected);
-    // The login body and the Bearer header are checked against the simulator end to end.
-    QVERIFY(!server.requests().at(0).headers.contains("authorization"));
-    QCOMPARE(client.getSaaSUser().uuid, QStringLiteral("u-1"));
-    QCOMPARE(client.getSaaSUser().isOrganizationManager, !organizationWarning);
-}
-
-void TestWebServiceClient::loginKeepsFailing_data()
-{
-    QTest::addColumn<int>("loginStatus");
-    QTest::addColumn<QByteArray>("loginAnswer");
-    QTest::addColumn<QString>("warning"); // logged once per login; empty: none
-
-    QTest::newRow("login refused") << 403 << QByteArray(R"({"message": "bad password"})")
-                                   << QStringLiteral("^Login failed:");
-    QTest::newRow("token is not a string")
-        << 200 << QByteArray(R"({"token": 42})")
-        << QStringLiteral("^Refresh session failed\\. Error message for refresh call : ");
-    QTest::newRow("answer is not JSON") << 200 << QByteArray("<html>maintenance</html>") << QString();
-}
-
-void TestWebServiceClient::loginKeepsFailing()
-{
-    QFETCH(int, loginStatus);
-    QFETCH(QByteArray, loginAnswer);
-    QFETCH(QString, warning);
-
-    TestHttpServer server([&](const TestHttpRequest& request) {
-        if (request.target == "/v1/users/login")
-            return Response::json(loginStatus, loginAnswer);
-        return Response::json(401, R"({"message": "Unauthorized"})");
-    });
-    QVERIFY(server.listen());
-    for (int login = 0; login < 3 && !warning.isEmpty(); ++login)
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(warning));
-
-    PlatformWebServiceClient client(server.baseUrl(), &m_credentials, m_nam.get(), nullptr);
-    const WebServiceResult result = fetch(client);
-    QCOMPARE(result.getError(), WebServiceResult::SessionNotRefreshable);
-    QCOMPARE(result.getHttpStatusCode(), 401);
-    QCOMPARE(result.getNetworkError(), QNetworkReply::AuthenticationRequiredError);
-    QVERIFY2(result.getErrorString().endsWith(QLatin1String(". Could not refresh session after 3 retries")),
-             qPrintable(result.getErrorString()));
-    QList<QByteArray> expected { "GET /v1/instances/abc" };
-    for (int login = 0; login < 3; ++login)
-        expected << "POST /v1/users/login"
-                 << "GET /v1/instances/abc";
-    QCOMPARE(server.targets(), expected);
-    QVERIFY(client.getSaaSUser().token.isEmpty());
-}
-
-void TestWebServiceClient::apiTokenClient()
-{
-    TestHttpServer server(
-        [](const TestHttpRequest&) { return Response::json(401, R"({"message": "Unauthorized"})"); });
-    QVERIFY(server.listen());
-    TestCredentials credentials;
-    credentials.apiToken = QStringLiteral("tok-A");
-    PlatformApiTokenWebServiceClient client(server.baseUrl(), &credentials, m_nam.get(), nullptr);
-
-    // Nobody waits: the job must still deliver its result and free itself.
-    QPointer<WebServiceJob> first = client.post(
-        Endpoints::PLATFORM_INSTANCE_ACCESS_TOKEN,
-        QJsonDocument(QJsonObject { { QStringLiteral("instance_uuid"), QStringLiteral("abc") } }));
-    QSignalSpy firstFinished(first.data(), &WebServiceJob::finished);
-    QVERIFY(firstFinished.wait());
-    QTRY_VERIFY(first.isNull());
-    const WebServiceResult result = firstFinished.at(0).at(0).value<WebServiceResult>();
-    QCOMPARE(result.getError(), WebServiceResult::NetworkError);
-    QCOMPARE(result.getHttpStatusCode(), 401);
-
-    // A 401 does not make this client log in, and the token is read again for each request.
-    credentials.apiToken = QStringLiteral("tok-B");
-    fetch(client);
-    const QList<QByteArray> expected { "POST /v1/instances/access-token", "GET /v1/instances/abc" };
-    QCOMPARE(server.targets(), expected);
-    QCOMPARE(server.requests().at(0).headers.value("x-api-token"), QByteArray("tok-A"));
-    QCOMPARE(server.requests().at(1).headers.value("x-api-token"), QByteArray("tok-B"));
-    QVERIFY(!server.requests().at(1).headers.contains("authorization"));
-}
-
-void TestWebServiceClient::waitForFinished_data()
-{
-    QTest::addColumn<int>("limit");
-    QTest::addColumn<bool>("userCancels");
-    QTest::addColumn<bool>("expectedReturn");
-    QTest::addColumn<QString>("expectedErrorString");
-
-    QTest::newRow("limit reached") << 100 << false << false
-                                   << QStringLiteral("Request has been canceled by timeout");
-    QTest::newRow("cancelled by the user")
-        << 0 << true << true << QStringLiteral("Request has been canceled by the user");
-}
-
-void TestWebServiceClient::waitForFinished()
-{
-    QFETCH(int, limit);
-    QFETCH(bool, userCancels);
-    QFETCH(bool, expectedReturn);
-    QFETCH(QString, expectedErrorString);
-
-    TestHttpServer server([](const TestHttpRequest&) { return Response { 200, {}, Response::NeverAnswer }; });
-    QVERIFY(server.listen());
-    PlatformApiTokenWebServiceClient client(server.baseUrl(), &m_credentials, m_nam.get(), nullptr);
-    QPointer<WebServiceJob> job = client.get(INSTANCE_PATH);
-    if (userCancels)
-        connect(&server, &TestHttpServer::requestReceived, job, &WebServiceJob::cancel);
-
-    QCOMPARE(job->waitForFinished(limit), expectedReturn);
-    QCOMPARE(job->getResult().getError(), WebServiceResult::Canceled);
-    QCOMPARE(job->getResult().getErrorString(), expectedErrorString);
-    QTRY_VERIFY(job.isNull());
-    QCOMPARE(server.requests().size(), 1);
-}
 
 QTEST_GUILESS_MAIN(TestWebServiceClient)
 #include "tst_webserviceclient.moc"
