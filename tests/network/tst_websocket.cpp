@@ -184,8 +184,17 @@ private Q_SLOTS:
 
     void closeHandshake()
     {
-        // Closed by the server: its code and reason are ours to read. (Our own close() and the
-        // server's CloseCodeNormal are checked by tst_websockettcpbridge::realWebSocket.)
+        // Our own close, invoked by name as across threads: a normal close both ends see.
+        connectClient();
+        QVERIFY(m_peer);
+        QSignalSpy peerClosed(m_peer, &QWebSocket::disconnected);
+        QSignalSpy disconnected(m_client.get(), &AbstractWebSocket::disconnected);
+        QVERIFY(QMetaObject::invokeMethod(m_client.get(), "close"));
+        QVERIFY(disconnected.wait());
+        QTRY_COMPARE(peerClosed.size(), 1);
+        QCOMPARE(m_peer->closeCode(), QWebSocketProtocol::CloseCodeNormal);
+
+        // Closed by the server: its code and reason are ours to read.
         connectClient();
         QVERIFY(m_peer);
         QSignalSpy again(m_client.get(), &AbstractWebSocket::disconnected);
