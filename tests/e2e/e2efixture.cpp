@@ -67,16 +67,6 @@ QProcess* E2eFixture::startProcess(const QString& program, const QStringList& ar
     return m_helpers.back().get();
 }
 
-QString E2eFixture::adbPath()
-{
-    return TestKit::adbPath();
-}
-
-quint16 E2eFixture::freePort()
-{
-    return TestKit::freeLoopbackPort();
-}
-
 bool E2eFixture::startSimulator(const QStringList& arguments)
 {
     m_simulatorArguments = arguments;
@@ -102,6 +92,11 @@ bool E2eFixture::restartSimulator()
 QString E2eFixture::instanceUuid(int index) const
 {
     return m_simulator ? m_simulator->instance(index).value(QStringLiteral("uuid")).toString() : QString();
+}
+
+quint16 E2eFixture::platformPort() const
+{
+    return quint16(QUrl(m_ready.value(QStringLiteral("base_url")).toString()).port());
 }
 
 quint16 E2eFixture::devicePort(int index) const
@@ -162,7 +157,21 @@ E2eFixture::Result E2eFixture::kbadbtunneld(const QStringList& arguments, int ti
 
 E2eFixture::Result E2eFixture::adb(const QStringList& arguments, int timeoutMs) const
 {
-    return run(adbPath(), arguments, timeoutMs);
+    return run(TestKit::adbPath(), arguments, timeoutMs);
+}
+
+E2eFixture::Result E2eFixture::adbOn(const QString& serial, const QStringList& arguments, int timeoutMs) const
+{
+    return adb(QStringList { QStringLiteral("-s"), serial } + arguments, timeoutMs);
+}
+
+std::unique_ptr<QProcess> E2eFixture::startAdb(const QStringList& arguments) const
+{
+    auto process = std::make_unique<QProcess>();
+    process->setProcessEnvironment(environment());
+    process->start(TestKit::adbPath(), arguments);
+    process->waitForStarted(10000);
+    return process;
 }
 
 QJsonObject E2eFixture::instance(const QString& uuid) const
@@ -176,6 +185,11 @@ QJsonObject E2eFixture::instance(const QString& uuid) const
             return value.toObject();
     }
     return {};
+}
+
+QString E2eFixture::state(const QString& uuid) const
+{
+    return instance(uuid).value(QStringLiteral("state")).toString();
 }
 
 QJsonObject E2eFixture::waitForState(const QString& uuid, const QString& state, int timeoutMs) const
@@ -199,15 +213,68 @@ QString E2eFixture::connectInstance(const QString& uuid, const QStringList& opti
         .toString();
 }
 
+QString E2eFixture::startAndConnect(const QStringList& simulatorArguments)
+{
+    if (!startSimulator(simulatorArguments))
+        return {};
+    useApiToken();
+    const QString serial = connectInstance(instanceUuid());
+    if (serial.isEmpty())
+        qWarning("the tunnel did not come up; the log ends with:\n%s", log().right(3000).constData());
+    return serial;
+}
+
 QByteArray E2eFixture::shell(const QString& serial, const QString& command) const
 {
-    const Result result = adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"), command });
+    const Result result = adbOn(serial, { QStringLiteral("shell"), command }, 30000);
     return result.exitCode == 0 ? result.out : QByteArray();
+}
+
+QByteArray E2eFixture::devices() const
+{
+    return adb({ QStringLiteral("devices") }).out;
+}
+
+bool E2eFixture::deviceIsBack(const QString& serial) const
+{
+    return adbOn(serial, { QStringLiteral("get-state") }, 30000).out.trimmed() == "device";
+}
+
+void E2eFixture::restartAdbServer() const
+{
+    if (adb({ QStringLiteral("kill-server") }).exitCode != 0)
+        qWarning("adb kill-server failed");
+    adb({ QStringLiteral("start-server") });
+}
+
+QString E2eFixture::roundTrip(const QString& serial, const QString& name, qint64 size, int timeoutMs) const
+{
+    const QString local = makeFile(name, size);
+    const QString remote = QStringLiteral("/data/local/tmp/") + name;
+    const QString pulled = path(QStringLiteral("pulled-") + name);
+    for (const QStringList& step : { QStringList { QStringLiteral("push"), local, remote },
+                                     QStringList { QStringLiteral("pull"), remote, pulled } }) {
+        const Result result = adbOn(serial, step, timeoutMs);
+        if (result.exitCode != 0)
+            return QStringLiteral("adb %1 failed: %2\n%3")
+                .arg(step.first(), QString::fromUtf8(result.err), QString::fromUtf8(log().right(3000)));
+    }
+    const qint64 back = QFileInfo(pulled).size();
+    if (TestKit::sha256(pulled) != TestKit::sha256(local))
+        return QStringLiteral("%1 came back different: %2 of %3 bytes").arg(name).arg(back).arg(size);
+    QFile::remove(local);
+    QFile::remove(pulled);
+    return {};
 }
 
 QByteArray E2eFixture::log() const
 {
     return TestKit::readFile(path(QStringLiteral("home/kbadbtunneld.log")));
+}
+
+int E2eFixture::tunnelSuccesses(const QString& uuid) const
+{
+    return int(log().count("[UUID:" + uuid.toUtf8() + "] Tunnel init successfully for device"));
 }
 
 int E2eFixture::admin(const QString& adminPath, const QJsonObject& body) const
@@ -219,6 +286,17 @@ int E2eFixture::admin(const QString& adminPath, const QJsonObject& body) const
 QJsonObject E2eFixture::adminGet(const QString& adminPath) const
 {
     return TestKit::http("GET", adminUrl(adminPath)).json();
+}
+
+QJsonArray E2eFixture::requests() const
+{
+    return adminGet(QStringLiteral("requests")).value(QStringLiteral("requests")).toArray();
+}
+
+int E2eFixture::dropWebSocket(const QString& uuid, QJsonObject body) const
+{
+    body.insert(QStringLiteral("instance_uuid"), uuid);
+    return admin(QStringLiteral("close"), body);
 }
 
 QUrl E2eFixture::adminUrl(const QString& adminPath) const
@@ -240,9 +318,4 @@ QString E2eFixture::makeFile(const QString& name, qint64 size) const
         written += n;
     }
     return filePath;
-}
-
-QByteArray E2eFixture::sha256(const QString& file)
-{
-    return TestKit::sha256(file);
 }

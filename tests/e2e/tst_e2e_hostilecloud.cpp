@@ -6,8 +6,6 @@
 #include <QElapsedTimer>
 #include <QtTest>
 
-namespace { } // namespace
-
 class TestE2eHostileCloud : public QObject
 {
     Q_OBJECT
@@ -25,17 +23,7 @@ private:
                                  { QStringLiteral("mode"), mode },
                                  { QStringLiteral("bytes_per_second"), bytesPerSecond } });
     }
-    QByteArray shell(const QString& command) const
-    {
-        const E2eFixture::Result result
-            = m_fixture.adb({ QStringLiteral("-s"), m_serial, QStringLiteral("shell"), command }, 30000);
-        return result.exitCode == 0 ? result.out : QByteArray();
-    }
-    int tunnelSuccesses() const
-    {
-        return int(
-            m_fixture.log().count("[UUID:" + m_uuid.toUtf8() + "] Tunnel init successfully for device"));
-    }
+    QByteArray echoOk() const { return m_fixture.shell(m_serial, QStringLiteral("echo ok")); }
     void checkPeak(const char* what, qint64 bound)
     {
         const qint64 peak = E2eFixture::memoryOf(m_pid, "VmHWM");
@@ -47,14 +35,9 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(m_fixture.startSimulator());
-        m_fixture.useApiToken();
+        m_serial = m_fixture.startAndConnect();
+        QVERIFY(!m_serial.isEmpty());
         m_uuid = m_fixture.instanceUuid();
-        QCOMPARE(m_fixture.kbadbtunneld({ QStringLiteral("connect"), m_uuid }).exitCode, 0);
-        m_serial = m_fixture.waitForState(m_uuid, QStringLiteral("CONNECTED"), 60000)
-                       .value(QStringLiteral("adb_serial"))
-                       .toString();
-        QVERIFY2(!m_serial.isEmpty(), m_fixture.log().right(3000).constData());
         m_pid = m_fixture.daemonPid();
         QVERIFY(m_pid > 0);
         if (SANITIZED)
@@ -75,14 +58,12 @@ private Q_SLOTS:
 
         QElapsedTimer timer;
         timer.start();
-        const E2eFixture::Result push
-            = m_fixture.adb({ QStringLiteral("-s"), m_serial, QStringLiteral("push"), local, remote },
-                            int(size / rate + 120) * 1000);
+        const E2eFixture::Result push = m_fixture.adbOn(m_serial, { QStringLiteral("push"), local, remote },
+                                                        int(size / rate + 120) * 1000);
         QVERIFY2(push.exitCode == 0, (push.out + push.err + m_fixture.log().right(3000)).constData());
         qInfo("%lld MiB pushed into a cloud reading %lld bytes/s in %.1f s", size / MiB, rate,
               timer.elapsed() / 1000.0);
-        QCOMPARE(E2eFixture::sha256(m_fixture.path(QStringLiteral("sandbox/") + m_uuid + remote)),
-                 E2eFixture::sha256(local));
+        QCOMPARE(TestKit::sha256(m_fixture.onDevice(m_uuid, remote)), TestKit::sha256(local));
         QFile::remove(local);
         checkPeak("the throttled push", 96 * MiB);
     }
@@ -108,9 +89,9 @@ private Q_SLOTS:
     {
         QFETCH(QString, mode);
         QFETCH(QByteArray, warning);
-        QCOMPARE(shell(QStringLiteral("echo ok")), QByteArray("ok\n"));
+        QCOMPARE(echoOk(), QByteArray("ok\n"));
         const qsizetype logStart = m_fixture.log().size();
-        const int successes = tunnelSuccesses();
+        const int successes = m_fixture.tunnelSuccesses(m_uuid);
 
         QElapsedTimer timer;
         timer.start();
@@ -127,12 +108,9 @@ private Q_SLOTS:
         const qint64 noticed = timer.elapsed();
 
         QCOMPARE(cloudFault(QStringLiteral("none")), 200);
-        QTRY_VERIFY_WITH_TIMEOUT(tunnelSuccesses() > successes, 60000 - int(noticed));
-        QCOMPARE(m_fixture.waitForState(m_uuid, QStringLiteral("CONNECTED"), 30000)
-                     .value(QStringLiteral("state"))
-                     .toString(),
-                 QStringLiteral("CONNECTED"));
-        QTRY_COMPARE_WITH_TIMEOUT(shell(QStringLiteral("echo ok")), QByteArray("ok\n"), 60000);
+        QTRY_VERIFY_WITH_TIMEOUT(m_fixture.tunnelSuccesses(m_uuid) > successes, 60000 - int(noticed));
+        QTRY_COMPARE_WITH_TIMEOUT(m_fixture.state(m_uuid), QStringLiteral("CONNECTED"), 30000);
+        QTRY_COMPARE_WITH_TIMEOUT(echoOk(), QByteArray("ok\n"), 60000);
         qInfo("%s: dropped after %.1f s, reconnected and working after %.1f s", qPrintable(mode),
               noticed / 1000.0, timer.elapsed() / 1000.0);
         checkPeak(qPrintable(mode), 128 * MiB);

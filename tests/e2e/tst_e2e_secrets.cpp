@@ -38,22 +38,18 @@ private Q_SLOTS:
         if (!apiToken) {
             // An expired session and a dropped WebSocket: the restarted tunnel logs in again.
             QCOMPARE(fixture.admin(QStringLiteral("expire-sessions")), 200);
-            QCOMPARE(fixture.admin(QStringLiteral("close"), { { QStringLiteral("instance_uuid"), uuid } }),
-                     200);
+            QCOMPARE(fixture.dropWebSocket(uuid), 200);
             const auto logins = [&fixture] {
                 int count = 0;
-                const QJsonArray all = fixture.adminGet(QStringLiteral("requests"))
-                                           .value(QStringLiteral("requests"))
-                                           .toArray();
+                const QJsonArray all = fixture.requests();
                 for (const QJsonValue& request : all)
                     count += request.toObject().value(QStringLiteral("path")).toString()
                         == QLatin1String("/v1/users/login");
                 return count;
             };
             QTRY_VERIFY_WITH_TIMEOUT(logins() >= 2, 30000);
-            QTRY_VERIFY_WITH_TIMEOUT(fixture.log().count("Tunnel init successfully for device") >= 2, 30000);
-            QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
-                     QStringLiteral("CONNECTED"));
+            QTRY_VERIFY_WITH_TIMEOUT(fixture.tunnelSuccesses(uuid) >= 2, 30000);
+            QCOMPARE(fixture.state(uuid), QStringLiteral("CONNECTED"));
             QTRY_COMPARE_WITH_TIMEOUT(fixture.shell(serial, QStringLiteral("echo again")),
                                       QByteArray("again\n"), 30000);
         }
@@ -62,8 +58,7 @@ private Q_SLOTS:
 
         // Every token the daemon presented: headers of the REST calls, the WebSocket handshakes.
         QStringList secrets { apiToken ? token : password };
-        const QJsonArray requests
-            = fixture.adminGet(QStringLiteral("requests")).value(QStringLiteral("requests")).toArray();
+        const QJsonArray requests = fixture.requests();
         QVERIFY(!requests.isEmpty());
         for (const QJsonValue& request : requests) {
             const QJsonObject headers = request.toObject().value(QStringLiteral("headers")).toObject();

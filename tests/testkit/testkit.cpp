@@ -2,6 +2,7 @@
 
 #include <QCryptographicHash>
 #include <QDeadlineTimer>
+#include <QEventLoop>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -14,6 +15,7 @@
 #include <QTcpSocket>
 #include <QtEndian>
 #include <QTest>
+#include <QTimer>
 
 #include <csignal>
 #include <sys/prctl.h>
@@ -59,25 +61,36 @@ QByteArray TestKit::randomBytes(qsizetype size, quint32 seed)
     return bytes;
 }
 
-bool TestKit::echoesThrough(quint16 port, qsizetype size, quint32 seed)
+bool TestKit::echoesThrough(quint16 port, qsizetype size, quint32 seed, int timeoutMs)
 {
     const QByteArray data = randomBytes(size, seed);
     QTcpSocket client;
-    client.connectToHost(QHostAddress::LocalHost, port);
-    if (!client.waitForConnected(10000))
-        return false;
-    client.write(data);
     QByteArray back;
-    return QTest::qWaitFor([&] { return (back += client.readAll()).size() >= data.size(); }, 60000)
-        && back == data;
+    // Driven by the socket's own signals: QTest::qWaitFor sleeps in steps that would cost more
+    // than a short exchange itself.
+    QEventLoop loop;
+    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
+    QObject::connect(&client, &QTcpSocket::connected, &loop, [&] { client.write(data); });
+    QObject::connect(&client, &QTcpSocket::readyRead, &loop, [&] {
+        back += client.readAll();
+        if (back.size() >= data.size())
+            loop.quit();
+    });
+    QObject::connect(&client, &QTcpSocket::errorOccurred, &loop, &QEventLoop::quit);
+    client.connectToHost(QHostAddress::LocalHost, port);
+    loop.exec();
+    client.disconnectFromHost();
+    return back == data;
 }
 
 EchoServer::EchoServer()
 {
     listen(QHostAddress::LocalHost, 0);
     connect(this, &QTcpServer::newConnection, this, [this] {
-        QTcpSocket* socket = nextPendingConnection();
-        connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->write(socket->readAll()); });
+        while (QTcpSocket* socket = nextPendingConnection()) {
+            connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->write(socket->readAll()); });
+            connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        }
     });
 }
 

@@ -41,8 +41,9 @@ QByteArray sha256(const QString& file);
 // size pseudo-random bytes, the same for the same seed.
 QByteArray randomBytes(qsizetype size, quint32 seed);
 // Sends size pseudo-random bytes to the loopback port while reading what comes back, with the
-// event loop running (the echoing end may live in this thread); true when all came back intact.
-bool echoesThrough(quint16 port, qsizetype size, quint32 seed);
+// event loop running (the echoing end may live in this thread); true when all came back intact
+// within timeoutMs.
+bool echoesThrough(quint16 port, qsizetype size, quint32 seed, int timeoutMs = 60000);
 // A file's content; empty when it cannot be read.
 QByteArray readFile(const QString& path);
 // Replaces path's content; false when it cannot be written.
