@@ -4,7 +4,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QRandomGenerator>
 #include <QTest>
 
 E2eFixture::E2eFixture()
@@ -22,23 +21,16 @@ E2eFixture::~E2eFixture()
     kbadbtunneld({ QStringLiteral("stop") }, 15000);
     TestKit::killDaemons(log());
     m_adb->stop();
-    for (auto& helper : m_helpers) {
-        helper->terminate();
-        if (!helper->waitForFinished(5000)) {
-            helper->kill();
-            helper->waitForFinished(5000);
-        }
-    }
+    for (auto& helper : m_helpers)
+        TestKit::endProcess(*helper, 5000);
     m_helpers.clear();
     stopSimulator();
 }
 
 qint64 E2eFixture::memoryOf(qint64 pid, const QByteArray& field)
 {
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n')) {
+    const QByteArray status = TestKit::readFile(QStringLiteral("/proc/%1/status").arg(pid));
+    for (const QByteArray& line : status.split('\n')) {
         if (line.startsWith(field + ':'))
             return line.mid(field.size() + 1).trimmed().split(' ').first().toLongLong() * 1024;
     }
@@ -240,11 +232,11 @@ bool E2eFixture::deviceIsBack(const QString& serial) const
     return adbOn(serial, { QStringLiteral("get-state") }, 30000).out.trimmed() == "device";
 }
 
-void E2eFixture::restartAdbServer() const
+bool E2eFixture::restartAdbServer() const
 {
-    if (adb({ QStringLiteral("kill-server") }).exitCode != 0)
-        qWarning("adb kill-server failed");
+    const bool killed = adb({ QStringLiteral("kill-server") }).exitCode == 0;
     adb({ QStringLiteral("start-server") });
+    return killed;
 }
 
 QString E2eFixture::roundTrip(const QString& serial, const QString& name, qint64 size, int timeoutMs) const
@@ -309,13 +301,8 @@ QString E2eFixture::makeFile(const QString& name, qint64 size) const
     const QString filePath = path(name);
     QFile file(filePath);
     file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    QRandomGenerator generator(quint32(size) ^ 0x5eed);
-    QByteArray chunk(1 << 20, '\0');
-    for (qint64 written = 0; written < size;) {
-        const qint64 n = qMin<qint64>(chunk.size(), size - written);
-        generator.fillRange(reinterpret_cast<quint32*>(chunk.data()), chunk.size() / 4);
-        file.write(chunk.constData(), n);
-        written += n;
-    }
+    // A megabyte at a time: the heavy cases write files of hundreds of megabytes.
+    for (qint64 written = 0; written < size; written += MiB)
+        file.write(TestKit::randomBytes(qMin(MiB, size - written), quint32(size ^ written)));
     return filePath;
 }

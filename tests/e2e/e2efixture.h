@@ -79,8 +79,8 @@ public:
     // Whether adb has serial as a working device again (after a drop, say).
     bool deviceIsBack(const QString& serial) const;
     // "kill-server", then a fresh server: the tunnel's own "adb connect" may start it first and
-    // win the race for the port; either way one fresh server runs.
-    void restartAdbServer() const;
+    // win the race for the port; either way one fresh server runs. False when the kill failed.
+    bool restartAdbServer() const;
     // Pushes a file of size pseudo-random bytes to /data/local/tmp/name through serial and pulls
     // it back; empty when it came back byte for byte, else what went wrong.
     QString roundTrip(const QString& serial, const QString& name, qint64 size, int timeoutMs = 300000) const;

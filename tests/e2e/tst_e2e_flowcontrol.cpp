@@ -108,7 +108,7 @@ private Q_SLOTS:
         // The tunnel notices each server that dropped its connection and connects the new one.
         for (int i = 0; i < 3; ++i) {
             const qsizetype connects = m_fixture.log().count("Connect local ADB to");
-            m_fixture.restartAdbServer();
+            QVERIFY(m_fixture.restartAdbServer());
             QTRY_VERIFY_WITH_TIMEOUT(m_fixture.deviceIsBack(m_serial), 60000);
             QVERIFY(m_fixture.log().count("Connect local ADB to") > connects);
         }

@@ -183,9 +183,9 @@ private Q_SLOTS:
             fixture.setEnv(QStringLiteral("KBSAAS_PROXY_USERNAME"), PROXY_USER);
             fixture.setEnv(QStringLiteral("KBSAAS_PROXY_PASSWORD"), PROXY_PASSWORD);
         }
-        fixture.writeConfig(
-            { { QStringLiteral("proxy"),
-                QStringLiteral("%1://%2127.0.0.1:%3").arg(scheme, userInfo).arg(proxy.port) } });
+        const QString url
+            = scheme + QStringLiteral("://") + userInfo + QStringLiteral("127.0.0.1:%1").arg(proxy.port);
+        fixture.writeConfig({ { QStringLiteral("proxy"), url } });
         const QString uuid = fixture.instanceUuid();
 
         if (!usable) {

@@ -124,21 +124,6 @@ QString TestKit::adbPath()
     return QStringLiteral("/usr/lib/android-sdk/platform-tools/adb");
 }
 
-QJsonObject RunResult::json() const
-{
-    return QJsonDocument::fromJson(out).object();
-}
-
-QJsonObject RunResult::errorJson() const
-{
-    return QJsonDocument::fromJson(err).object();
-}
-
-QJsonObject HttpResult::json() const
-{
-    return QJsonDocument::fromJson(body).object();
-}
-
 RunResult TestKit::run(const QString& program, const QStringList& arguments, const QProcessEnvironment& env,
                        int timeoutMs)
 {
@@ -177,6 +162,17 @@ bool TestKit::processAlive(qint64 pid)
     return pid > 0 && ::kill(pid_t(pid), 0) == 0;
 }
 
+void TestKit::endProcess(QProcess& process, int graceMs)
+{
+    if (process.state() == QProcess::NotRunning)
+        return;
+    process.terminate();
+    if (!process.waitForFinished(graceMs)) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+}
+
 void TestKit::killDaemons(const QByteArray& log)
 {
     for (const qint64 pid : daemonPids(log)) {
@@ -209,15 +205,16 @@ HttpResult TestKit::http(const QByteArray& verb, const QUrl& url, const QByteArr
 
 QString TestKit::makeSelfSignedCertificate(const QString& dir)
 {
-    const RunResult openssl = run(
-        QStringLiteral("openssl"),
-        { QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"), QStringLiteral("ec"),
-          QStringLiteral("-pkeyopt"), QStringLiteral("ec_paramgen_curve:prime256v1"),
-          QStringLiteral("-nodes"), QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
-          QStringLiteral("/CN=127.0.0.1"), QStringLiteral("-addext"),
-          QStringLiteral("subjectAltName=IP:127.0.0.1,DNS:localhost"), QStringLiteral("-keyout"),
-          dir + QStringLiteral("/key.pem"), QStringLiteral("-out"), dir + QStringLiteral("/cert.pem") },
-        QProcessEnvironment::systemEnvironment(), 30000);
+    const QStringList arguments
+        = QStringLiteral("req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 "
+                         "-subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1,DNS:localhost")
+              .split(QLatin1Char(' '));
+    const RunResult openssl
+        = run(QStringLiteral("openssl"),
+              arguments
+                  + QStringList { QStringLiteral("-keyout"), dir + QStringLiteral("/key.pem"),
+                                  QStringLiteral("-out"), dir + QStringLiteral("/cert.pem") },
+              QProcessEnvironment::systemEnvironment(), 30000);
     return openssl.exitCode == 0 ? QString() : QString::fromUtf8(openssl.err);
 }
 
@@ -253,13 +250,7 @@ bool SimProcess::start(const QStringList& arguments, QString* error)
 
 void SimProcess::stop()
 {
-    if (m_process.state() == QProcess::NotRunning)
-        return;
-    m_process.terminate();
-    if (!m_process.waitForFinished(10000)) {
-        m_process.kill();
-        m_process.waitForFinished(5000);
-    }
+    TestKit::endProcess(m_process);
 }
 
 QJsonObject SimProcess::instance(int index) const
@@ -322,13 +313,7 @@ void AdbServer::stop()
     if (m_stopped)
         return;
     m_stopped = true;
-    if (m_server.state() != QProcess::NotRunning) {
-        m_server.terminate();
-        if (!m_server.waitForFinished(10000)) {
-            m_server.kill();
-            m_server.waitForFinished(5000);
-        }
-    }
+    TestKit::endProcess(m_server);
     // A server that a client started is not our child: ask it to go, then see the port closed.
     if (listens(m_port))
         run({ QStringLiteral("kill-server") }, 20000);
