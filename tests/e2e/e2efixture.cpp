@@ -196,9 +196,9 @@ QJsonObject E2eFixture::waitForState(const QString& uuid, const QString& state, 
     return entry;
 }
 
-QString E2eFixture::connectInstance(const QString& uuid, const QStringList& options, int timeoutMs) const
+QString E2eFixture::connectInstance(const QString& uuid, int timeoutMs) const
 {
-    if (kbadbtunneld(QStringList { QStringLiteral("connect"), uuid } + options).exitCode != 0)
+    if (kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode != 0)
         return {};
     return waitForState(uuid, QStringLiteral("CONNECTED"), timeoutMs)
         .value(QStringLiteral("adb_serial"))
@@ -275,20 +275,17 @@ int E2eFixture::admin(const QString& adminPath, const QJsonObject& body) const
         .status;
 }
 
-QJsonObject E2eFixture::adminGet(const QString& adminPath) const
-{
-    return TestKit::http("GET", adminUrl(adminPath)).json();
-}
-
 QJsonArray E2eFixture::requests() const
 {
-    return adminGet(QStringLiteral("requests")).value(QStringLiteral("requests")).toArray();
+    return TestKit::http("GET", adminUrl(QStringLiteral("requests")))
+        .json()
+        .value(QStringLiteral("requests"))
+        .toArray();
 }
 
-int E2eFixture::dropWebSocket(const QString& uuid, QJsonObject body) const
+int E2eFixture::dropWebSocket(const QString& uuid) const
 {
-    body.insert(QStringLiteral("instance_uuid"), uuid);
-    return admin(QStringLiteral("close"), body);
+    return admin(QStringLiteral("close"), { { QStringLiteral("instance_uuid"), uuid } });
 }
 
 QUrl E2eFixture::adminUrl(const QString& adminPath) const

@@ -70,8 +70,7 @@ public:
     // Polls "getinstances" until uuid is in state; returns the last entry seen.
     QJsonObject waitForState(const QString& uuid, const QString& state, int timeoutMs = 30000) const;
     // "connect", then waits for CONNECTED; the tunnel's ADB serial, empty when it never came up.
-    QString connectInstance(const QString& uuid, const QStringList& options = {},
-                            int timeoutMs = 60000) const;
+    QString connectInstance(const QString& uuid, int timeoutMs = 60000) const;
     // "adb shell command" on serial; its output, empty when it failed or took over 30 s.
     QByteArray shell(const QString& serial, const QString& command) const;
     // What "adb devices" lists.
@@ -97,11 +96,10 @@ public:
 
     // POSTs a JSON body to the simulator's admin API under /_sim/; returns the HTTP status.
     int admin(const QString& path, const QJsonObject& body = {}) const;
-    QJsonObject adminGet(const QString& path) const;
     // Every request the simulator answered, with its headers and WebSocket messages.
     QJsonArray requests() const;
-    // The simulator closes uuid's WebSocket (once, or after_bytes more bytes, as body says).
-    int dropWebSocket(const QString& uuid, QJsonObject body = {}) const;
+    // The simulator closes uuid's WebSocket once; returns the HTTP status.
+    int dropWebSocket(const QString& uuid) const;
 
     QString path(const QString& name) const { return m_dir.path() + QLatin1Char('/') + name; }
     // Where the simulator keeps devicePath of uuid's device.
