@@ -4,7 +4,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QRandomGenerator>
 #include <QTest>
 
 E2eFixture::E2eFixture()
@@ -22,23 +21,16 @@ E2eFixture::~E2eFixture()
     kbadbtunneld({ QStringLiteral("stop") }, 15000);
     TestKit::killDaemons(log());
     m_adb->stop();
-    for (auto& helper : m_helpers) {
-        helper->terminate();
-        if (!helper->waitForFinished(5000)) {
-            helper->kill();
-            helper->waitForFinished(5000);
-        }
-    }
+    for (auto& helper : m_helpers)
+        TestKit::endProcess(*helper, 5000);
     m_helpers.clear();
     stopSimulator();
 }
 
 qint64 E2eFixture::memoryOf(qint64 pid, const QByteArray& field)
 {
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n')) {
+    const QByteArray status = TestKit::readFile(QStringLiteral("/proc/%1/status").arg(pid));
+    for (const QByteArray& line : status.split('\n')) {
         if (line.startsWith(field + ':'))
             return line.mid(field.size() + 1).trimmed().split(' ').first().toLongLong() * 1024;
     }
@@ -67,16 +59,6 @@ QProcess* E2eFixture::startProcess(const QString& program, const QStringList& ar
     return m_helpers.back().get();
 }
 
-QString E2eFixture::adbPath()
-{
-    return TestKit::adbPath();
-}
-
-quint16 E2eFixture::freePort()
-{
-    return TestKit::freeLoopbackPort();
-}
-
 bool E2eFixture::startSimulator(const QStringList& arguments)
 {
     m_simulatorArguments = arguments;
@@ -102,6 +84,11 @@ bool E2eFixture::restartSimulator()
 QString E2eFixture::instanceUuid(int index) const
 {
     return m_simulator ? m_simulator->instance(index).value(QStringLiteral("uuid")).toString() : QString();
+}
+
+quint16 E2eFixture::platformPort() const
+{
+    return quint16(QUrl(m_ready.value(QStringLiteral("base_url")).toString()).port());
 }
 
 quint16 E2eFixture::devicePort(int index) const
@@ -162,7 +149,21 @@ E2eFixture::Result E2eFixture::kbadbtunneld(const QStringList& arguments, int ti
 
 E2eFixture::Result E2eFixture::adb(const QStringList& arguments, int timeoutMs) const
 {
-    return run(adbPath(), arguments, timeoutMs);
+    return run(TestKit::adbPath(), arguments, timeoutMs);
+}
+
+E2eFixture::Result E2eFixture::adbOn(const QString& serial, const QStringList& arguments, int timeoutMs) const
+{
+    return adb(QStringList { QStringLiteral("-s"), serial } + arguments, timeoutMs);
+}
+
+std::unique_ptr<QProcess> E2eFixture::startAdb(const QStringList& arguments) const
+{
+    auto process = std::make_unique<QProcess>();
+    process->setProcessEnvironment(environment());
+    process->start(TestKit::adbPath(), arguments);
+    process->waitForStarted(10000);
+    return process;
 }
 
 QJsonObject E2eFixture::instance(const QString& uuid) const
@@ -178,6 +179,11 @@ QJsonObject E2eFixture::instance(const QString& uuid) const
     return {};
 }
 
+QString E2eFixture::state(const QString& uuid) const
+{
+    return instance(uuid).value(QStringLiteral("state")).toString();
+}
+
 QJsonObject E2eFixture::waitForState(const QString& uuid, const QString& state, int timeoutMs) const
 {
     QJsonObject entry;
@@ -190,24 +196,77 @@ QJsonObject E2eFixture::waitForState(const QString& uuid, const QString& state, 
     return entry;
 }
 
-QString E2eFixture::connectInstance(const QString& uuid, const QStringList& options, int timeoutMs) const
+QString E2eFixture::connectInstance(const QString& uuid, int timeoutMs) const
 {
-    if (kbadbtunneld(QStringList { QStringLiteral("connect"), uuid } + options).exitCode != 0)
+    if (kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode != 0)
         return {};
     return waitForState(uuid, QStringLiteral("CONNECTED"), timeoutMs)
         .value(QStringLiteral("adb_serial"))
         .toString();
 }
 
+QString E2eFixture::startAndConnect(const QStringList& simulatorArguments)
+{
+    if (!startSimulator(simulatorArguments))
+        return {};
+    useApiToken();
+    const QString serial = connectInstance(instanceUuid());
+    if (serial.isEmpty())
+        qWarning("the tunnel did not come up; the log ends with:\n%s", log().right(3000).constData());
+    return serial;
+}
+
 QByteArray E2eFixture::shell(const QString& serial, const QString& command) const
 {
-    const Result result = adb({ QStringLiteral("-s"), serial, QStringLiteral("shell"), command });
+    const Result result = adbOn(serial, { QStringLiteral("shell"), command }, 30000);
     return result.exitCode == 0 ? result.out : QByteArray();
+}
+
+QByteArray E2eFixture::devices() const
+{
+    return adb({ QStringLiteral("devices") }).out;
+}
+
+bool E2eFixture::deviceIsBack(const QString& serial) const
+{
+    return adbOn(serial, { QStringLiteral("get-state") }, 30000).out.trimmed() == "device";
+}
+
+bool E2eFixture::restartAdbServer() const
+{
+    const bool killed = adb({ QStringLiteral("kill-server") }).exitCode == 0;
+    adb({ QStringLiteral("start-server") });
+    return killed;
+}
+
+QString E2eFixture::roundTrip(const QString& serial, const QString& name, qint64 size, int timeoutMs) const
+{
+    const QString local = makeFile(name, size);
+    const QString remote = QStringLiteral("/data/local/tmp/") + name;
+    const QString pulled = path(QStringLiteral("pulled-") + name);
+    for (const QStringList& step : { QStringList { QStringLiteral("push"), local, remote },
+                                     QStringList { QStringLiteral("pull"), remote, pulled } }) {
+        const Result result = adbOn(serial, step, timeoutMs);
+        if (result.exitCode != 0)
+            return QStringLiteral("adb %1 failed: %2\n%3")
+                .arg(step.first(), QString::fromUtf8(result.err), QString::fromUtf8(log().right(3000)));
+    }
+    const qint64 back = QFileInfo(pulled).size();
+    if (TestKit::sha256(pulled) != TestKit::sha256(local))
+        return QStringLiteral("%1 came back different: %2 of %3 bytes").arg(name).arg(back).arg(size);
+    QFile::remove(local);
+    QFile::remove(pulled);
+    return {};
 }
 
 QByteArray E2eFixture::log() const
 {
     return TestKit::readFile(path(QStringLiteral("home/kbadbtunneld.log")));
+}
+
+int E2eFixture::tunnelSuccesses(const QString& uuid) const
+{
+    return int(log().count("[UUID:" + uuid.toUtf8() + "] Tunnel init successfully for device"));
 }
 
 int E2eFixture::admin(const QString& adminPath, const QJsonObject& body) const
@@ -216,9 +275,17 @@ int E2eFixture::admin(const QString& adminPath, const QJsonObject& body) const
         .status;
 }
 
-QJsonObject E2eFixture::adminGet(const QString& adminPath) const
+QJsonArray E2eFixture::requests() const
 {
-    return TestKit::http("GET", adminUrl(adminPath)).json();
+    return TestKit::http("GET", adminUrl(QStringLiteral("requests")))
+        .json()
+        .value(QStringLiteral("requests"))
+        .toArray();
+}
+
+int E2eFixture::dropWebSocket(const QString& uuid) const
+{
+    return admin(QStringLiteral("close"), { { QStringLiteral("instance_uuid"), uuid } });
 }
 
 QUrl E2eFixture::adminUrl(const QString& adminPath) const
@@ -231,18 +298,8 @@ QString E2eFixture::makeFile(const QString& name, qint64 size) const
     const QString filePath = path(name);
     QFile file(filePath);
     file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    QRandomGenerator generator(quint32(size) ^ 0x5eed);
-    QByteArray chunk(1 << 20, '\0');
-    for (qint64 written = 0; written < size;) {
-        const qint64 n = qMin<qint64>(chunk.size(), size - written);
-        generator.fillRange(reinterpret_cast<quint32*>(chunk.data()), chunk.size() / 4);
-        file.write(chunk.constData(), n);
-        written += n;
-    }
+    // A megabyte at a time: the heavy cases write files of hundreds of megabytes.
+    for (qint64 written = 0; written < size; written += MiB)
+        file.write(TestKit::randomBytes(qMin(MiB, size - written), quint32(size ^ written)));
     return filePath;
-}
-
-QByteArray E2eFixture::sha256(const QString& file)
-{
-    return TestKit::sha256(file);
 }

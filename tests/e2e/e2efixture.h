@@ -35,9 +35,6 @@ public:
     E2eFixture(const E2eFixture&) = delete;
     E2eFixture& operator=(const E2eFixture&) = delete;
 
-    static QString adbPath();
-    static quint16 freePort();
-
     // Starts kbplatform-sim with `arguments` and reads its ready line; false on failure.
     bool startSimulator(const QStringList& arguments = {});
     void stopSimulator();
@@ -46,6 +43,11 @@ public:
     QJsonObject ready() const { return m_ready; }
     QString instanceUuid(int index = 0) const;
     quint16 devicePort(int index = 0) const;
+    // The port of the simulator's REST and WebSocket server.
+    quint16 platformPort() const;
+    // Starts the simulator, signs in with its API token and connects its first instance; the
+    // tunnel's ADB serial, empty (with the log's tail in a warning) when it never came up.
+    QString startAndConnect(const QStringList& simulatorArguments = {});
 
     void useApiToken();
     void useCredentials(const QString& email, const QString& password);
@@ -57,17 +59,33 @@ public:
 
     Result kbadbtunneld(const QStringList& arguments, int timeoutMs = 60000) const;
     Result adb(const QStringList& arguments, int timeoutMs = 120000) const;
+    // "adb -s serial arguments".
+    Result adbOn(const QString& serial, const QStringList& arguments, int timeoutMs = 120000) const;
+    // adb as a child that runs on while the test acts (drops the tunnel, say); already started.
+    std::unique_ptr<QProcess> startAdb(const QStringList& arguments) const;
     Result run(const QString& program, const QStringList& arguments, int timeoutMs) const;
     // The "getinstances" entry for uuid; empty when the daemon doesn't list it.
     QJsonObject instance(const QString& uuid) const;
+    QString state(const QString& uuid) const;
     // Polls "getinstances" until uuid is in state; returns the last entry seen.
     QJsonObject waitForState(const QString& uuid, const QString& state, int timeoutMs = 30000) const;
     // "connect", then waits for CONNECTED; the tunnel's ADB serial, empty when it never came up.
-    QString connectInstance(const QString& uuid, const QStringList& options = {},
-                            int timeoutMs = 60000) const;
-    // "adb shell command" on serial; its output, empty when it failed.
+    QString connectInstance(const QString& uuid, int timeoutMs = 60000) const;
+    // "adb shell command" on serial; its output, empty when it failed or took over 30 s.
     QByteArray shell(const QString& serial, const QString& command) const;
+    // What "adb devices" lists.
+    QByteArray devices() const;
+    // Whether adb has serial as a working device again (after a drop, say).
+    bool deviceIsBack(const QString& serial) const;
+    // "kill-server", then a fresh server: the tunnel's own "adb connect" may start it first and
+    // win the race for the port; either way one fresh server runs. False when the kill failed.
+    bool restartAdbServer() const;
+    // Pushes a file of size pseudo-random bytes to /data/local/tmp/name through serial and pulls
+    // it back; empty when it came back byte for byte, else what went wrong.
+    QString roundTrip(const QString& serial, const QString& name, qint64 size, int timeoutMs = 300000) const;
     QByteArray log() const;
+    // How often uuid's tunnel came up: once, plus once per restart.
+    int tunnelSuccesses(const QString& uuid) const;
     // The pid of the running daemon, from its start line in the log; 0 when none runs.
     qint64 daemonPid() const;
     // "VmRSS" or "VmHWM" (the peak) of a process, in bytes; -1 when it cannot be read.
@@ -78,12 +96,19 @@ public:
 
     // POSTs a JSON body to the simulator's admin API under /_sim/; returns the HTTP status.
     int admin(const QString& path, const QJsonObject& body = {}) const;
-    QJsonObject adminGet(const QString& path) const;
+    // Every request the simulator answered, with its headers and WebSocket messages.
+    QJsonArray requests() const;
+    // The simulator closes uuid's WebSocket once; returns the HTTP status.
+    int dropWebSocket(const QString& uuid) const;
 
     QString path(const QString& name) const { return m_dir.path() + QLatin1Char('/') + name; }
+    // Where the simulator keeps devicePath of uuid's device.
+    QString onDevice(const QString& uuid, const QString& devicePath) const
+    {
+        return path(QStringLiteral("sandbox/") + uuid + devicePath);
+    }
     // A file of `size` pseudo-random bytes; returns its path.
     QString makeFile(const QString& name, qint64 size) const;
-    static QByteArray sha256(const QString& file);
 
 private:
     QTemporaryDir m_dir;

@@ -58,7 +58,7 @@ private Q_SLOTS:
             return fixture.run(QStringLiteral("python3"), arguments + command, 120000);
         };
         const QString local = fixture.makeFile(QStringLiteral("up.bin"), 6 * 1024 * 1024 + 17);
-        const QByteArray sha = E2eFixture::sha256(local);
+        const QByteArray sha = TestKit::sha256(local);
         const QString remote = QStringLiteral("/data/local/tmp/up.bin");
 
         const E2eFixture::Result push = host({ QStringLiteral("push"), local, remote });
@@ -78,7 +78,7 @@ private Q_SLOTS:
             = host({ QStringLiteral("pull"), remote, fixture.path(QStringLiteral("down.bin")) });
         QVERIFY2(pull.exitCode == 0, (pull.out + pull.err).constData());
         QCOMPARE(pull.json().value(QStringLiteral("sha256")).toString().toLatin1(), sha);
-        QCOMPARE(E2eFixture::sha256(fixture.path(QStringLiteral("down.bin"))), sha);
+        QCOMPARE(TestKit::sha256(fixture.path(QStringLiteral("down.bin"))), sha);
 
         const E2eFixture::Result shell
             = host({ QStringLiteral("shell"), QStringLiteral("echo out; echo err >&2; exit 3") });

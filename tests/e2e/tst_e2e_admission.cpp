@@ -92,13 +92,11 @@ private Q_SLOTS:
             QSKIP("This machine has no non-loopback address to connect from.");
 
         E2eFixture fixture;
-        QVERIFY(fixture.startSimulator());
-        fixture.useApiToken();
         if (allowRemote)
             fixture.setEnv(QStringLiteral("KB_TUNNEL_ALLOW_REMOTE"), QStringLiteral("1"));
-        const QString uuid = fixture.instanceUuid();
-        const QString serial = fixture.connectInstance(uuid);
+        const QString serial = fixture.startAndConnect();
         QVERIFY(!serial.isEmpty());
+        const QString uuid = fixture.instanceUuid();
         const quint16 port = quint16(serial.mid(serial.indexOf(QLatin1Char(':')) + 1).toUInt());
         const auto refusalLogged = [&fixture, &remote](const Peer& peer) {
             return QString::fromUtf8(fixture.log())
@@ -136,11 +134,9 @@ private Q_SLOTS:
 
         // Once the stranger is gone the user's ADB server gets the device back.
         fixture.adb({ QStringLiteral("start-server") });
-        QTRY_VERIFY_WITH_TIMEOUT(
-            fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8() + "\tdevice"), 60000);
+        QTRY_VERIFY_WITH_TIMEOUT(fixture.deviceIsBack(serial), 60000);
         QCOMPARE(fixture.shell(serial, QStringLiteral("echo still mine")), QByteArray("still mine\n"));
-        QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
-                 QStringLiteral("CONNECTED"));
+        QCOMPARE(fixture.state(uuid), QStringLiteral("CONNECTED"));
     }
 };
 

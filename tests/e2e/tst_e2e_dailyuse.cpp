@@ -3,7 +3,6 @@
 #include "e2efixture.h"
 
 #include <QElapsedTimer>
-#include <QJsonDocument>
 #include <QTcpServer>
 #include <QtTest>
 
@@ -74,7 +73,7 @@ private Q_SLOTS:
         }
         if (setup == QLatin1String("refused")) {
             fixture.setEnv(QStringLiteral("KB_PLATFORM_BASE_URL"),
-                           QStringLiteral("http://127.0.0.1:%1").arg(E2eFixture::freePort()));
+                           QStringLiteral("http://127.0.0.1:%1").arg(TestKit::freeLoopbackPort()));
         } else if (setup == QLatin1String("busyport")) {
             QVERIFY(squatter.listen(QHostAddress::Any, 0));
             connect << QStringLiteral("--adb-serial-port") << QString::number(squatter.serverPort());
@@ -96,14 +95,12 @@ private Q_SLOTS:
             QCOMPARE(result.json().value(QStringLiteral("uuid")).toString(), uuid);
             const QString serial = result.json().value(QStringLiteral("adb_serial")).toString();
             QVERIFY(serial.startsWith(QLatin1String("localhost:")));
-            QCOMPARE(fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("get-state") }).out.trimmed(),
-                     QByteArray("device"));
+            QVERIFY(fixture.deviceIsBack(serial));
             QCOMPARE(entry.value(QStringLiteral("last_error")).toString(QStringLiteral("absent")), QString());
         } else {
             QCOMPARE(result.exitCode, 2);
             QCOMPARE(result.out, QByteArray());
-            const QString message = QJsonDocument::fromJson(result.err)
-                                        .object()
+            const QString message = result.errorJson()
                                         .value(QStringLiteral("error"))
                                         .toObject()
                                         .value(QStringLiteral("message"))
@@ -146,18 +143,16 @@ private Q_SLOTS:
         // A device this daemon did not attach: the simulated device's own port, straight from adb.
         const QByteArray theirs = "localhost:" + QByteArray::number(fixture.devicePort());
         QCOMPARE(fixture.adb({ QStringLiteral("connect"), QString::fromUtf8(theirs) }).exitCode, 0);
-        QTRY_VERIFY_WITH_TIMEOUT(fixture.adb({ QStringLiteral("devices") }).out.contains(theirs + "\tdevice"),
-                                 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(fixture.devices().contains(theirs + "\tdevice"), 30000);
 
         const qint64 pid = fixture.daemonPid();
         QVERIFY(pid > 0);
         ::kill(pid_t(pid), SIGKILL);
-        QTRY_VERIFY_WITH_TIMEOUT(fixture.adb({ QStringLiteral("devices") }).out.contains(ours + "\toffline"),
-                                 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(fixture.devices().contains(ours + "\toffline"), 30000);
 
         QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("start") }).exitCode, 0);
-        QTRY_VERIFY_WITH_TIMEOUT(!fixture.adb({ QStringLiteral("devices") }).out.contains(ours), 30000);
-        QVERIFY(fixture.adb({ QStringLiteral("devices") }).out.contains(theirs + "\tdevice"));
+        QTRY_VERIFY_WITH_TIMEOUT(!fixture.devices().contains(ours), 30000);
+        QVERIFY(fixture.devices().contains(theirs + "\tdevice"));
     }
 };
 

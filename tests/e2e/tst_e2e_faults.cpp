@@ -16,36 +16,7 @@ namespace {
 constexpr qint64 LARGE_FILE = 64 << 20;
 const QString BANDWIDTH_KBPS = QStringLiteral("64000");
 constexpr int DROP_INTERVAL_MS = 2500;
-
-std::unique_ptr<QProcess> startAdb(const E2eFixture& fixture, const QStringList& arguments)
-{
-    auto process = std::make_unique<QProcess>();
-    process->setProcessEnvironment(fixture.environment());
-    process->start(E2eFixture::adbPath(), arguments);
-    process->waitForStarted(10000);
-    return process;
-}
-
-QString serialOf(const QJsonObject& entry)
-{
-    return entry.value(QStringLiteral("adb_serial")).toString();
-}
-
-bool deviceIsBack(const E2eFixture& fixture, const QString& serial)
-{
-    return fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("get-state") }, 30000).out.trimmed()
-        == "device";
-}
-
-QString onDevice(const E2eFixture& fixture, const QString& uuid, const QString& path)
-{
-    return fixture.path(QStringLiteral("sandbox/")) + uuid + path;
-}
-
-int tunnelSuccesses(const E2eFixture& fixture, const QString& uuid)
-{
-    return int(fixture.log().count("[UUID:" + uuid.toUtf8() + "] Tunnel init successfully for device"));
-}
+const QString CONNECTED = QStringLiteral("CONNECTED");
 
 } // namespace
 
@@ -67,17 +38,17 @@ private Q_SLOTS:
     {
         QFETCH(bool, push);
         E2eFixture fixture;
-        QVERIFY(fixture.startSimulator({ QStringLiteral("--bandwidth-kbps"), BANDWIDTH_KBPS }));
-        fixture.useApiToken();
+        const QString serial
+            = fixture.startAndConnect({ QStringLiteral("--bandwidth-kbps"), BANDWIDTH_KBPS });
+        QVERIFY(!serial.isEmpty());
         const QString uuid = fixture.instanceUuid();
-        const QString serial = fixture.connectInstance(uuid);
-        QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
 
         const QString local = fixture.makeFile(QStringLiteral("large.bin"), LARGE_FILE);
-        const QByteArray expected = E2eFixture::sha256(local);
+        const QByteArray expected = TestKit::sha256(local);
+        const QString remote = QStringLiteral("/data/local/tmp/large.bin");
         if (!push) {
-            QDir().mkpath(onDevice(fixture, uuid, QStringLiteral("/data/local/tmp")));
-            QVERIFY(QFile::copy(local, onDevice(fixture, uuid, QStringLiteral("/data/local/tmp/large.bin"))));
+            QDir().mkpath(fixture.onDevice(uuid, QStringLiteral("/data/local/tmp")));
+            QVERIFY(QFile::copy(local, fixture.onDevice(uuid, remote)));
         }
 
         QElapsedTimer dropWindow;
@@ -88,11 +59,9 @@ private Q_SLOTS:
             const bool dropping = dropWindow.elapsed() < 12000;
             if (!dropping) // a close armed for a WebSocket still to come
                 fixture.admin(QStringLiteral("reset"));
-            const QString remote = QStringLiteral("/data/local/tmp/large.bin");
             const QString target = push ? QStringLiteral("/data/local/tmp/pushed-%1.bin").arg(attempt)
                                         : fixture.path(QStringLiteral("pulled-%1.bin").arg(attempt));
-            const std::unique_ptr<QProcess> adb = startAdb(
-                fixture,
+            const std::unique_ptr<QProcess> adb = fixture.startAdb(
                 { QStringLiteral("-s"), serial, push ? QStringLiteral("push") : QStringLiteral("pull"),
                   push ? local : remote, target });
             QElapsedTimer running;
@@ -101,55 +70,38 @@ private Q_SLOTS:
             while (!adb->waitForFinished(DROP_INTERVAL_MS) && adb->state() != QProcess::NotRunning) {
                 QVERIFY2(running.elapsed() < 300000, "adb hangs");
                 if (dropping)
-                    fixture.admin(QStringLiteral("close"), { { QStringLiteral("instance_uuid"), uuid } });
+                    fixture.dropWebSocket(uuid);
             }
             if (adb->exitStatus() == QProcess::NormalExit && adb->exitCode() == 0) {
-                QCOMPARE(E2eFixture::sha256(push ? onDevice(fixture, uuid, target) : target), expected);
+                QCOMPARE(TestKit::sha256(push ? fixture.onDevice(uuid, target) : target), expected);
                 if (!dropping)
                     break;
                 continue;
             }
             ++failures;
-            QTRY_VERIFY_WITH_TIMEOUT(deviceIsBack(fixture, serial), 60000);
+            QTRY_VERIFY_WITH_TIMEOUT(fixture.deviceIsBack(serial), 60000);
         }
         // Otherwise the drops missed the transfers and nothing was tested.
         QVERIFY(failures > 0);
-        QVERIFY(tunnelSuccesses(fixture, uuid) > 1);
-        QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
-                 QStringLiteral("CONNECTED"));
+        QVERIFY(fixture.tunnelSuccesses(uuid) > 1);
+        QCOMPARE(fixture.state(uuid), CONNECTED);
     }
 
-    // The tunnel notices that the adb server dropped its connection and connects the new one.
-    void freshAdbServer()
+    void stopDuringTransfer_data()
     {
-        E2eFixture fixture;
-        QVERIFY(fixture.startSimulator());
-        fixture.useApiToken();
-        const QString uuid = fixture.instanceUuid();
-        const QString serial = fixture.connectInstance(uuid);
-        QVERIFY(!serial.isEmpty());
-        QCOMPARE(fixture.shell(serial, QStringLiteral("echo before")), QByteArray("before\n"));
-        const qsizetype connects = fixture.log().count("Connect local ADB to");
-
-        QCOMPARE(fixture.adb({ QStringLiteral("kill-server") }).exitCode, 0);
-        // The tunnel's own "adb connect" may be starting the new server at the same moment, and
-        // then this start loses the race for the port: either way one fresh server runs.
-        fixture.adb({ QStringLiteral("start-server") });
-        QTRY_VERIFY_WITH_TIMEOUT(
-            fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8() + "\tdevice"), 60000);
-        QVERIFY(fixture.log().count("Connect local ADB to") > connects);
-        QCOMPARE(fixture.shell(serial, QStringLiteral("echo after")), QByteArray("after\n"));
-        QCOMPARE(fixture.instance(uuid).value(QStringLiteral("state")).toString(),
-                 QStringLiteral("CONNECTED"));
+        QTest::addColumn<bool>("signal");
+        QTest::newRow("SIGTERM") << true;
+        QTest::newRow("stop") << false;
     }
 
-    void sigtermDuringTransfer()
+    // The daemon ends mid-push: the push fails, leaves nothing on the device, and no stale device
+    // stays with adb. "stop" returns only once the tunnels are gone.
+    void stopDuringTransfer()
     {
+        QFETCH(bool, signal);
         E2eFixture fixture;
-        QVERIFY(fixture.startSimulator({ QStringLiteral("--bandwidth-kbps"), BANDWIDTH_KBPS }));
-        fixture.useApiToken();
-        const QString uuid = fixture.instanceUuid();
-        const QString serial = fixture.connectInstance(uuid);
+        const QString serial
+            = fixture.startAndConnect({ QStringLiteral("--bandwidth-kbps"), BANDWIDTH_KBPS });
         QVERIFY(!serial.isEmpty());
         const qint64 pid = fixture.daemonPid();
         QVERIFY(pid > 0);
@@ -157,7 +109,7 @@ private Q_SLOTS:
         const QString local = fixture.makeFile(QStringLiteral("large.bin"), LARGE_FILE);
         const QString remote = QStringLiteral("/data/local/tmp/large.bin");
         const std::unique_ptr<QProcess> adb
-            = startAdb(fixture, { QStringLiteral("-s"), serial, QStringLiteral("push"), local, remote });
+            = fixture.startAdb({ QStringLiteral("-s"), serial, QStringLiteral("push"), local, remote });
         // The device keeps the file out of sight until it is complete; adb's own reading of the
         // local file tells how far the push has gone.
         const auto received = [&adb]() {
@@ -172,14 +124,20 @@ private Q_SLOTS:
         };
         QTRY_VERIFY_WITH_TIMEOUT(received() > (8 << 20), 60000);
 
-        QCOMPARE(::kill(pid_t(pid), SIGTERM), 0);
-        QTRY_VERIFY_WITH_TIMEOUT(::kill(pid_t(pid), 0) != 0, 60000);
+        if (signal) {
+            QCOMPARE(::kill(pid_t(pid), SIGTERM), 0);
+        } else {
+            const E2eFixture::Result stop = fixture.kbadbtunneld({ QStringLiteral("stop") });
+            QCOMPARE(stop.json().value(QStringLiteral("running")).toBool(true), false);
+            QVERIFY(!fixture.devices().contains(serial.toUtf8()));
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(!TestKit::processAlive(pid), 60000);
         QVERIFY(fixture.log().contains("[kbadbtunneld:" + QByteArray::number(pid) + ":"));
         QVERIFY(fixture.log().contains("==== SERVER exit code: 0 ===="));
         QTRY_VERIFY_WITH_TIMEOUT(adb->state() == QProcess::NotRunning, 60000);
         QVERIFY(adb->exitCode() != 0);
-        QVERIFY(!QFile::exists(onDevice(fixture, uuid, remote)));
-        QVERIFY(!fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8()));
+        QVERIFY(!QFile::exists(fixture.onDevice(fixture.instanceUuid(), remote)));
+        QVERIFY(!fixture.devices().contains(serial.toUtf8()));
     }
 
     void platformRestarted_data()
@@ -198,7 +156,7 @@ private Q_SLOTS:
         E2eFixture fixture;
         const QString uuid = QUuid::createUuid().toString(QUuid::WithoutBraces);
         QVERIFY(fixture.startSimulator({ QStringLiteral("--listen"),
-                                         QStringLiteral("127.0.0.1:%1").arg(E2eFixture::freePort()),
+                                         QStringLiteral("127.0.0.1:%1").arg(TestKit::freeLoopbackPort()),
                                          QStringLiteral("--uuid"), uuid, QStringLiteral("--api-token"),
                                          QStringLiteral("restart-token") }));
         QCOMPARE(fixture.instanceUuid(), uuid);
@@ -209,28 +167,23 @@ private Q_SLOTS:
 
         if (awayUntilFailed) {
             fixture.stopSimulator();
-            QCOMPARE(fixture.waitForState(uuid, QStringLiteral("FAILED"), 60000)
-                         .value(QStringLiteral("state"))
-                         .toString(),
-                     QStringLiteral("FAILED"));
+            QTRY_COMPARE_WITH_TIMEOUT(fixture.state(uuid), QStringLiteral("FAILED"), 60000);
             QVERIFY(fixture.restartSimulator());
         } else {
             QVERIFY(fixture.restartSimulator());
-            QTRY_VERIFY_WITH_TIMEOUT(tunnelSuccesses(fixture, uuid) > 1
-                                         || fixture.instance(uuid).value(QStringLiteral("state")).toString()
-                                             == QLatin1String("FAILED"),
-                                     60000);
-            qInfo() << (tunnelSuccesses(fixture, uuid) > 1
+            QTRY_VERIFY_WITH_TIMEOUT(
+                fixture.tunnelSuccesses(uuid) > 1 || fixture.state(uuid) == QLatin1String("FAILED"), 60000);
+            qInfo() << (fixture.tunnelSuccesses(uuid) > 1
                             ? "the tunnel reconnected by itself"
                             : "the platform was still away at the next attempt");
         }
-        if (tunnelSuccesses(fixture, uuid) == 1) {
+        if (fixture.tunnelSuccesses(uuid) == 1) {
             QVERIFY(fixture.log().contains("Failed to retrieve instance access token:"));
-            QVERIFY(!fixture.adb({ QStringLiteral("devices") }).out.contains(serial.toUtf8()));
+            QVERIFY(!fixture.devices().contains(serial.toUtf8()));
             serial = fixture.connectInstance(uuid);
             QVERIFY(!serial.isEmpty());
         }
-        QTRY_VERIFY_WITH_TIMEOUT(deviceIsBack(fixture, serial), 60000);
+        QTRY_VERIFY_WITH_TIMEOUT(fixture.deviceIsBack(serial), 60000);
         QCOMPARE(fixture.shell(serial, QStringLiteral("echo after")), QByteArray("after\n"));
     }
 
@@ -249,17 +202,17 @@ private Q_SLOTS:
             QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), fixture.instanceUuid(i) }).exitCode,
                      0);
         for (int i = 0; i < count; ++i) {
-            serials.append(
-                serialOf(fixture.waitForState(fixture.instanceUuid(i), QStringLiteral("CONNECTED"), 90000)));
+            serials.append(fixture.waitForState(fixture.instanceUuid(i), CONNECTED, 90000)
+                               .value(QStringLiteral("adb_serial"))
+                               .toString());
             QVERIFY2(!serials.constLast().isEmpty(), fixture.log().right(3000).constData());
         }
 
         const QString local = fixture.makeFile(QStringLiteral("calm.bin"), 24 << 20);
         std::vector<std::unique_ptr<QProcess>> pushes;
         for (int i = dropped; i < count; ++i) {
-            pushes.push_back(startAdb(fixture,
-                                      { QStringLiteral("-s"), serials.at(i), QStringLiteral("push"), local,
-                                        QStringLiteral("/data/local/tmp/calm.bin") }));
+            pushes.push_back(fixture.startAdb({ QStringLiteral("-s"), serials.at(i), QStringLiteral("push"),
+                                                local, QStringLiteral("/data/local/tmp/calm.bin") }));
         }
         int rounds = 0;
         QElapsedTimer running;
@@ -271,8 +224,7 @@ private Q_SLOTS:
         while (anyRunning()) {
             QVERIFY2(running.elapsed() < 300000, "adb hangs");
             for (int i = 0; i < dropped; ++i)
-                fixture.admin(QStringLiteral("close"),
-                              { { QStringLiteral("instance_uuid"), fixture.instanceUuid(i) } });
+                fixture.dropWebSocket(fixture.instanceUuid(i));
             ++rounds;
             for (const auto& process : pushes)
                 process->waitForFinished(DROP_INTERVAL_MS / int(pushes.size()));
@@ -280,23 +232,23 @@ private Q_SLOTS:
         QVERIFY(rounds > 1);
         QCOMPARE(fixture.admin(QStringLiteral("reset")), 200);
 
-        const QByteArray expected = E2eFixture::sha256(local);
+        const QByteArray expected = TestKit::sha256(local);
         for (int i = dropped; i < count; ++i) {
             const auto& process = pushes.at(size_t(i - dropped));
             QVERIFY2(process->exitCode() == 0, process->readAllStandardError().constData());
-            QCOMPARE(E2eFixture::sha256(onDevice(fixture, fixture.instanceUuid(i),
-                                                 QStringLiteral("/data/local/tmp/calm.bin"))),
+            QCOMPARE(TestKit::sha256(fixture.onDevice(fixture.instanceUuid(i),
+                                                      QStringLiteral("/data/local/tmp/calm.bin"))),
                      expected);
-            QCOMPARE(tunnelSuccesses(fixture, fixture.instanceUuid(i)), 1);
+            QCOMPARE(fixture.tunnelSuccesses(fixture.instanceUuid(i)), 1);
         }
         for (int i = 0; i < count; ++i) {
             // A dropped tunnel may still be between two attempts when the drops stop.
-            QTRY_VERIFY_WITH_TIMEOUT(deviceIsBack(fixture, serials.at(i)), 60000);
+            QTRY_VERIFY_WITH_TIMEOUT(fixture.deviceIsBack(serials.at(i)), 60000);
             QTRY_COMPARE_WITH_TIMEOUT(fixture.shell(serials.at(i), QStringLiteral("echo %1").arg(i)),
                                       QByteArray::number(i) + "\n", 30000);
         }
         for (int i = 0; i < dropped; ++i)
-            QVERIFY(tunnelSuccesses(fixture, fixture.instanceUuid(i)) > 1);
+            QVERIFY(fixture.tunnelSuccesses(fixture.instanceUuid(i)) > 1);
     }
 };
 

@@ -1,11 +1,11 @@
 // Retain mode under real work: a slow local reader slows the cloud instead of filling the daemon,
 // and streams the ADB server gives up on, or whole ADB servers that go, leave no memory behind.
+// Against a cloud that reads slowly, goes silent or sends what no platform should, the daemon's
+// memory stays bounded, it keeps answering its clients, and the tunnel comes back once the cloud
+// behaves again.
 #include "e2efixture.h"
 
-#include <QEventLoop>
-#include <QTcpServer>
-#include <QTcpSocket>
-#include <QTimer>
+#include <QElapsedTimer>
 #include <QtTest>
 
 namespace {
@@ -26,21 +26,6 @@ while True:
 print(n, h.hexdigest())
 )");
 
-QString connectAndWait(const E2eFixture& fixture, const QString& uuid)
-{
-    if (fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode != 0)
-        return {};
-    return fixture.waitForState(uuid, QStringLiteral("CONNECTED"), 60000)
-        .value(QStringLiteral("adb_serial"))
-        .toString();
-}
-
-bool deviceIsBack(const E2eFixture& fixture, const QString& serial)
-{
-    return fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("get-state") }, 30000).out.trimmed()
-        == "device";
-}
-
 } // namespace
 
 class TestE2eFlowControl : public QObject
@@ -59,35 +44,44 @@ private:
         m_fixture.makeFile(QStringLiteral("sandbox/%1/data/local/tmp/%2").arg(m_uuid, name), size);
         return QStringLiteral("/data/local/tmp/") + name;
     }
-    QString hostPath(const QString& devicePath) const
+    QString hostPath(const QString& devicePath) const { return m_fixture.onDevice(m_uuid, devicePath); }
+    int cloudFault(const QString& mode, qint64 bytesPerSecond = 1)
     {
-        return m_fixture.path(QStringLiteral("sandbox/") + m_uuid + devicePath);
+        return m_fixture.admin(QStringLiteral("cloud-fault"),
+                               { { QStringLiteral("instance_uuid"), m_uuid },
+                                 { QStringLiteral("mode"), mode },
+                                 { QStringLiteral("bytes_per_second"), bytesPerSecond } });
     }
-    QByteArray adbCommand() const
+    QByteArray echoOk() const { return m_fixture.shell(m_serial, QStringLiteral("echo ok")); }
+    // The daemon's peak RSS over its whole life, so every case's bound holds for all before it.
+    void checkPeak(const QString& what, qint64 bound)
     {
-        return QStringLiteral("'%1' -s '%2'").arg(E2eFixture::adbPath(), m_serial).toUtf8();
+        const qint64 peak = E2eFixture::memoryOf(m_pid, "VmHWM");
+        qInfo("daemon peak RSS after %s: %.1f MiB", qPrintable(what), double(peak) / MiB);
+        if (!SANITIZED)
+            QVERIFY2(peak > 0 && peak <= bound, qPrintable(QString::number(double(peak) / MiB)));
     }
 
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(m_fixture.startSimulator());
-        m_fixture.useApiToken();
+        m_serial = m_fixture.startAndConnect();
+        QVERIFY(!m_serial.isEmpty());
         m_uuid = m_fixture.instanceUuid();
-        m_serial = connectAndWait(m_fixture, m_uuid);
-        QVERIFY2(!m_serial.isEmpty(), m_fixture.log().right(3000).constData());
         m_pid = m_fixture.daemonPid();
         QVERIFY(m_pid > 0);
         if (SANITIZED)
             qInfo() << "sanitizer build: smaller transfers, memory figures reported but not checked";
     }
 
+    void cleanup() { QCOMPARE(cloudFault(QStringLiteral("none")), 200); }
+
     // The consumer is ~10x slower than the link: what the daemon holds stays near its watermark.
     void slowConsumerGetsEverything()
     {
         const qint64 size = SANITIZED ? 64 * MiB : 512 * MiB;
         const QString remote = deviceFile(QStringLiteral("slow.bin"), size);
-        const QByteArray expected = E2eFixture::sha256(hostPath(remote));
+        const QByteArray expected = TestKit::sha256(hostPath(remote));
         QProcess pipeline;
         // The environment carries the script, so that the shell line needs no quoting of it.
         QProcessEnvironment environment = m_fixture.environment();
@@ -95,8 +89,8 @@ private Q_SLOTS:
         pipeline.setProcessEnvironment(environment);
         pipeline.start(QStringLiteral("/bin/sh"),
                        { QStringLiteral("-c"),
-                         QString::fromUtf8(adbCommand() + " exec-out cat ." + remote.toUtf8()
-                                           + " | python3 -c \"$KB_CONSUMER\"") });
+                         QStringLiteral("'%1' -s '%2' exec-out cat .%3 | python3 -c \"$KB_CONSUMER\"")
+                             .arg(TestKit::adbPath(), m_serial, remote) });
         QVERIFY(pipeline.waitForStarted());
         QVERIFY(pipeline.waitForFinished(int(size / (24 * 1000 * 1000) + 120) * 1000));
         const QList<QByteArray> result = pipeline.readAllStandardOutput().trimmed().split(' ');
@@ -104,10 +98,7 @@ private Q_SLOTS:
         QCOMPARE(result.at(0).toLongLong(), size);
         QCOMPARE(result.at(1), expected);
 
-        const qint64 peak = E2eFixture::memoryOf(m_pid, "VmHWM");
-        qInfo("daemon peak RSS after %lld MiB to a 24 MB/s reader: %.1f MiB", size / MiB, double(peak) / MiB);
-        if (!SANITIZED)
-            QVERIFY2(peak <= 96 * MiB, qPrintable(QString::number(double(peak) / MiB)));
+        checkPeak(QStringLiteral("%1 MiB to a 24 MB/s reader").arg(size / MiB), 96 * MiB);
         QVERIFY(!m_fixture.log().contains("overran"));
     }
 
@@ -119,29 +110,26 @@ private Q_SLOTS:
         const QString remote = deviceFile(QStringLiteral("interrupted.bin"), size);
         const QString pulled = m_fixture.path(QStringLiteral("pulled.bin"));
         // A complete pull first: what the first transfer allocates for good is not a leak.
-        QCOMPARE(m_fixture.adb({ QStringLiteral("-s"), m_serial, QStringLiteral("pull"), remote, pulled })
-                     .exitCode,
-                 0);
+        QCOMPARE(m_fixture.adbOn(m_serial, { QStringLiteral("pull"), remote, pulled }).exitCode, 0);
         const qint64 start = E2eFixture::memoryOf(m_pid, "VmRSS");
 
         for (int i = 0; i < pulls; ++i) {
             QFile::remove(pulled);
-            QProcess adb;
-            adb.setProcessEnvironment(m_fixture.environment());
-            adb.start(E2eFixture::adbPath(),
-                      { QStringLiteral("-s"), m_serial, QStringLiteral("pull"), remote, pulled });
-            QVERIFY(adb.waitForStarted());
+            const std::unique_ptr<QProcess> adb = m_fixture.startAdb(
+                { QStringLiteral("-s"), m_serial, QStringLiteral("pull"), remote, pulled });
+            QCOMPARE(adb->state(), QProcess::Running);
             // Killed once the transfer is under way, with the device's writes held for it.
             QVERIFY2(QTest::qWaitFor([&] { return QFileInfo(pulled).size() >= 2 * MiB; }, 60000),
                      qPrintable(QStringLiteral("pull %1 did not start").arg(i)));
-            adb.kill();
-            QVERIFY(adb.waitForFinished());
+            adb->kill();
+            QVERIFY(adb->waitForFinished());
         }
+        // The tunnel notices each server that dropped its connection and connects the new one.
         for (int i = 0; i < 3; ++i) {
-            QCOMPARE(m_fixture.adb({ QStringLiteral("kill-server") }).exitCode, 0);
-            // The tunnel's own "adb connect" may start the new server first; either way one runs.
-            m_fixture.adb({ QStringLiteral("start-server") });
-            QTRY_VERIFY_WITH_TIMEOUT(deviceIsBack(m_fixture, m_serial), 60000);
+            const qsizetype connects = m_fixture.log().count("Connect local ADB to");
+            QVERIFY(m_fixture.restartAdbServer());
+            QTRY_VERIFY_WITH_TIMEOUT(m_fixture.deviceIsBack(m_serial), 60000);
+            QVERIFY(m_fixture.log().count("Connect local ADB to") > connects);
         }
 
         const qint64 end = E2eFixture::memoryOf(m_pid, "VmRSS");
@@ -150,19 +138,12 @@ private Q_SLOTS:
         if (!SANITIZED)
             QVERIFY2(end - start <= 24 * MiB, qPrintable(QString::number(double(end - start) / MiB)));
 
-        const QString local = m_fixture.makeFile(QStringLiteral("final.bin"), size);
-        const QString target = QStringLiteral("/data/local/tmp/final.bin");
-        QCOMPARE(
-            m_fixture.adb({ QStringLiteral("-s"), m_serial, QStringLiteral("push"), local, target }).exitCode,
-            0);
-        QCOMPARE(E2eFixture::sha256(hostPath(target)), E2eFixture::sha256(local));
         QFile::remove(pulled);
-        QCOMPARE(m_fixture.adb({ QStringLiteral("-s"), m_serial, QStringLiteral("pull"), remote, pulled })
-                     .exitCode,
-                 0);
-        QCOMPARE(E2eFixture::sha256(pulled), E2eFixture::sha256(hostPath(remote)));
-        QCOMPARE(m_fixture.instance(m_uuid).value(QStringLiteral("state")).toString(),
-                 QStringLiteral("CONNECTED"));
+        QCOMPARE(m_fixture.adbOn(m_serial, { QStringLiteral("pull"), remote, pulled }).exitCode, 0);
+        QCOMPARE(TestKit::sha256(pulled), TestKit::sha256(hostPath(remote)));
+        const QString failed = m_fixture.roundTrip(m_serial, QStringLiteral("final.bin"), size);
+        QVERIFY2(failed.isEmpty(), qPrintable(failed));
+        QCOMPARE(m_fixture.state(m_uuid), QStringLiteral("CONNECTED"));
     }
 
     // At version 1 the device's CLSE comes last when the client closes first; those sessions
@@ -172,59 +153,102 @@ private Q_SLOTS:
         const int connections = SANITIZED ? 500 : 5000;
         E2eFixture fixture;
         fixture.setEnv(QStringLiteral("KB_ADBTUNNEL_VERSION"), QStringLiteral("1"));
-        QVERIFY(fixture.startSimulator({ QStringLiteral("--device-profile"), QStringLiteral("modern") }));
-        fixture.useApiToken();
-        const QString serial = connectAndWait(fixture, fixture.instanceUuid());
-        QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
+        const QString serial
+            = fixture.startAndConnect({ QStringLiteral("--device-profile"), QStringLiteral("modern") });
+        QVERIFY(!serial.isEmpty());
         const qint64 pid = fixture.daemonPid();
 
-        QTcpServer echo;
-        QVERIFY(echo.listen(QHostAddress::LocalHost, 0));
-        connect(&echo, &QTcpServer::newConnection, &echo, [&echo] {
-            while (QTcpSocket* peer = echo.nextPendingConnection()) {
-                connect(peer, &QTcpSocket::readyRead, peer, [peer] { peer->write(peer->readAll()); });
-                connect(peer, &QTcpSocket::disconnected, peer, &QObject::deleteLater);
-            }
-        });
-        const quint16 local = E2eFixture::freePort();
+        EchoServer echo;
+        const quint16 local = TestKit::freeLoopbackPort();
         QCOMPARE(
             fixture
-                .adb({ QStringLiteral("-s"), serial, QStringLiteral("forward"),
-                       QStringLiteral("tcp:%1").arg(local), QStringLiteral("tcp:%1").arg(echo.serverPort()) })
+                .adbOn(serial,
+                       { QStringLiteral("forward"), QStringLiteral("tcp:%1").arg(local), echo.adbTarget() })
                 .exitCode,
             0);
-
-        const QByteArray payload(1024, 'e');
-        // Driven by the socket's own signals: QTest::qWaitFor sleeps in steps that would cost
-        // more than the exchange itself.
-        auto exchange = [&] {
-            QTcpSocket client;
-            QByteArray back;
-            QEventLoop loop;
-            QTimer::singleShot(10000, &loop, &QEventLoop::quit);
-            connect(&client, &QTcpSocket::connected, &loop, [&] { client.write(payload); });
-            connect(&client, &QTcpSocket::readyRead, &loop, [&] {
-                back += client.readAll();
-                if (back.size() >= payload.size())
-                    loop.quit();
-            });
-            connect(&client, &QTcpSocket::errorOccurred, &loop, &QEventLoop::quit);
-            client.connectToHost(QHostAddress::LocalHost, local);
-            loop.exec();
-            client.disconnectFromHost();
-            return back == payload;
-        };
+        const auto exchange
+            = [local](int i) { return TestKit::echoesThrough(local, 1024, quint32(i), 10000); };
         // A first round settles what the first connections allocate for good.
         for (int i = 0; i < 200; ++i)
-            QVERIFY2(exchange(), qPrintable(QString::number(i)));
+            QVERIFY2(exchange(i), qPrintable(QString::number(i)));
         const qint64 start = E2eFixture::memoryOf(pid, "VmRSS");
         for (int i = 0; i < connections; ++i)
-            QVERIFY2(exchange(), qPrintable(QString::number(i)));
+            QVERIFY2(exchange(i), qPrintable(QString::number(i)));
         const qint64 end = E2eFixture::memoryOf(pid, "VmRSS");
         qInfo("daemon RSS: %.1f MiB before %d short forward connections at version 1, %.1f MiB after",
               double(start) / MiB, connections, double(end) / MiB);
         if (!SANITIZED)
             QVERIFY2(end - start <= 4 * MiB, qPrintable(QString::number(double(end - start) / MiB)));
+    }
+
+    // The cloud takes the push at a sixteenth of what the ADB server offers: the daemon's queue
+    // towards it must push back on the ADB server instead of holding the file.
+    void pushIntoThrottledCloud()
+    {
+        const qint64 size = SANITIZED ? 32 * MiB : 256 * MiB;
+        const qint64 rate = SANITIZED ? 2000000 : 16000000;
+        const QString local = m_fixture.makeFile(QStringLiteral("push.bin"), size);
+        const QString remote = QStringLiteral("/data/local/tmp/push.bin");
+        QCOMPARE(cloudFault(QStringLiteral("read-throttle"), rate), 200);
+
+        QElapsedTimer timer;
+        timer.start();
+        const E2eFixture::Result push = m_fixture.adbOn(m_serial, { QStringLiteral("push"), local, remote },
+                                                        int(size / rate + 120) * 1000);
+        QVERIFY2(push.exitCode == 0, (push.out + push.err + m_fixture.log().right(3000)).constData());
+        qInfo("%lld MiB pushed into a cloud reading %lld bytes/s in %.1f s", size / MiB, rate,
+              timer.elapsed() / 1000.0);
+        QCOMPARE(TestKit::sha256(m_fixture.onDevice(m_uuid, remote)), TestKit::sha256(local));
+        QFile::remove(local);
+        checkPeak(QStringLiteral("the throttled push"), 96 * MiB);
+    }
+
+    void misbehavingCloud_data()
+    {
+        QTest::addColumn<QString>("mode");
+        QTest::addColumn<QByteArray>("warning");
+        QTest::newRow("oversized-frame")
+            << QStringLiteral("oversized-frame") << QByteArray("exceeds the limit");
+        // The fragments' bytes are no ADB packet: the bridge drops the WebSocket at the first one,
+        // long before the message would reach the WebSocket's own limit.
+        QTest::newRow("endless-fragments")
+            << QStringLiteral("endless-fragments") << QByteArray("Invalid message from device");
+        QTest::newRow("garbage") << QStringLiteral("garbage") << QByteArray("Reserved bits set in a frame");
+        // Noticed only after 15 s of silence and 15 s more without a pong.
+        QTest::newRow("stall") << QStringLiteral("stall") << QByteArray("not even an answer to a ping");
+    }
+
+    // The fault hits a connected tunnel. The daemon drops that WebSocket with the warning, answers
+    // "getinstances" all along, and once the cloud is sane again reconnects on its own.
+    void misbehavingCloud()
+    {
+        QFETCH(QString, mode);
+        QFETCH(QByteArray, warning);
+        QCOMPARE(echoOk(), QByteArray("ok\n"));
+        const qsizetype logStart = m_fixture.log().size();
+        const int successes = m_fixture.tunnelSuccesses(m_uuid);
+
+        QElapsedTimer timer;
+        timer.start();
+        QCOMPARE(cloudFault(mode), 200);
+        bool answered = true;
+        const bool dropped = QTest::qWaitFor(
+            [&] {
+                answered = answered && !m_fixture.instance(m_uuid).isEmpty();
+                return !answered || m_fixture.log().mid(logStart).contains(warning);
+            },
+            60000);
+        QVERIFY2(answered, "getinstances went unanswered while the cloud misbehaved");
+        QVERIFY2(dropped, m_fixture.log().mid(logStart).right(3000).constData());
+        const qint64 noticed = timer.elapsed();
+
+        QCOMPARE(cloudFault(QStringLiteral("none")), 200);
+        QTRY_VERIFY_WITH_TIMEOUT(m_fixture.tunnelSuccesses(m_uuid) > successes, 60000 - int(noticed));
+        QTRY_COMPARE_WITH_TIMEOUT(m_fixture.state(m_uuid), QStringLiteral("CONNECTED"), 30000);
+        QTRY_COMPARE_WITH_TIMEOUT(echoOk(), QByteArray("ok\n"), 60000);
+        qInfo("%s: dropped after %.1f s, reconnected and working after %.1f s", qPrintable(mode),
+              noticed / 1000.0, timer.elapsed() / 1000.0);
+        checkPeak(mode, 128 * MiB);
     }
 };
 

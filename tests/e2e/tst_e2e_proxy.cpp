@@ -44,11 +44,8 @@ bool canGiveDantedItsOwnUsers()
     return ::geteuid() == 0 && QFile::exists(QStringLiteral("/usr/bin/unshare"));
 }
 
-Proxy startDanted(E2eFixture& fixture, bool withPassword)
+void startDanted(E2eFixture& fixture, const Proxy& proxy, bool withPassword)
 {
-    Proxy proxy;
-    proxy.port = E2eFixture::freePort();
-    proxy.logPath = fixture.path(QStringLiteral("danted.log"));
     QByteArray config = "logoutput: " + proxy.logPath.toUtf8() + "\n"
         + "internal: 127.0.0.1 port = " + QByteArray::number(proxy.port) + "\n" + "external: lo\n"
         + "clientmethod: none\n" + "socksmethod: " + (withPassword ? "username" : "none") + "\n";
@@ -67,61 +64,61 @@ Proxy startDanted(E2eFixture& fixture, bool withPassword)
                                QStringLiteral("-p"), fixture.path(QStringLiteral("danted.pid")) };
     if (!withPassword) {
         fixture.startProcess(danted.first(), danted.mid(1));
-    } else {
-        QProcess openssl;
-        openssl.start(QStringLiteral("openssl"),
-                      { QStringLiteral("passwd"), QStringLiteral("-6"), PROXY_PASSWORD });
-        openssl.waitForFinished(10000);
-        const QByteArray hash = openssl.readAllStandardOutput().trimmed();
-        const QString passwd = fixture.path(QStringLiteral("passwd"));
-        const QString shadow = fixture.path(QStringLiteral("shadow"));
-        writeFile(passwd,
-                  linesOf(QStringLiteral("/etc/passwd"), { "root", "nobody" }) + PROXY_USER.toUtf8()
-                      + ":x:4242:4242::/nonexistent:/usr/sbin/nologin\n");
-        writeFile(shadow,
-                  "root:*:19000:0:99999:7:::\nnobody:*:19000:0:99999:7:::\n" + PROXY_USER.toUtf8() + ":"
-                      + hash + ":19000:0:99999:7:::\n");
-        // unshare and sh exec into danted, so the process the fixture stops is danted itself.
-        fixture.startProcess(
-            QStringLiteral("/usr/bin/unshare"),
-            QStringList { QStringLiteral("-m"), QStringLiteral("--propagation"), QStringLiteral("private"),
-                          QStringLiteral("sh"), QStringLiteral("-c"),
-                          QStringLiteral(
-                              "mount --bind \"$1\" /etc/passwd && mount --bind \"$2\" /etc/shadow && shift 2 "
-                              "&& exec \"$@\""),
-                          QStringLiteral("sh"), passwd, shadow }
-                + danted);
+        return;
     }
-    if (!TestKit::waitForListener(proxy.port))
-        proxy.port = 0;
-    return proxy;
+    QProcess openssl;
+    openssl.start(QStringLiteral("openssl"),
+                  { QStringLiteral("passwd"), QStringLiteral("-6"), PROXY_PASSWORD });
+    openssl.waitForFinished(10000);
+    const QByteArray hash = openssl.readAllStandardOutput().trimmed();
+    const QString passwd = fixture.path(QStringLiteral("passwd"));
+    const QString shadow = fixture.path(QStringLiteral("shadow"));
+    writeFile(passwd,
+              linesOf(QStringLiteral("/etc/passwd"), { "root", "nobody" }) + PROXY_USER.toUtf8()
+                  + ":x:4242:4242::/nonexistent:/usr/sbin/nologin\n");
+    writeFile(shadow,
+              "root:*:19000:0:99999:7:::\nnobody:*:19000:0:99999:7:::\n" + PROXY_USER.toUtf8() + ":" + hash
+                  + ":19000:0:99999:7:::\n");
+    // unshare and sh exec into danted, so the process the fixture stops is danted itself.
+    fixture.startProcess(
+        QStringLiteral("/usr/bin/unshare"),
+        QStringList {
+            QStringLiteral("-m"), QStringLiteral("--propagation"), QStringLiteral("private"),
+            QStringLiteral("sh"), QStringLiteral("-c"),
+            QStringLiteral("mount --bind \"$1\" /etc/passwd && mount --bind \"$2\" /etc/shadow && shift 2 "
+                           "&& exec \"$@\""),
+            QStringLiteral("sh"), passwd, shadow }
+            + danted);
 }
 
-Proxy startTinyproxy(E2eFixture& fixture, quint16 platformPort, bool withPassword)
+void startTinyproxy(E2eFixture& fixture, const Proxy& proxy, bool withPassword)
 {
-    Proxy proxy;
-    proxy.port = E2eFixture::freePort();
-    proxy.logPath = fixture.path(QStringLiteral("tinyproxy.log"));
     QByteArray config = "Port " + QByteArray::number(proxy.port)
         + "\nListen 127.0.0.1\nAllow 127.0.0.1\nTimeout 600\nMaxClients 50\nLogLevel Connect\n" + "LogFile \""
         + proxy.logPath.toUtf8()
         + "\"\n"
         // The WebSocket goes through CONNECT, which tinyproxy only allows to listed ports.
-        + "ConnectPort " + QByteArray::number(platformPort) + "\n";
+        + "ConnectPort " + QByteArray::number(fixture.platformPort()) + "\n";
     if (withPassword)
         config += "BasicAuth " + PROXY_USER.toUtf8() + " " + PROXY_PASSWORD.toUtf8() + "\n";
     const QString configPath = fixture.path(QStringLiteral("tinyproxy.conf"));
     writeFile(configPath, config);
     fixture.startProcess(QStringLiteral("/usr/bin/tinyproxy"),
                          { QStringLiteral("-d"), QStringLiteral("-c"), configPath });
+}
+
+// danted for SOCKS5, tinyproxy for HTTP, on a free loopback port; port 0 when it does not listen.
+Proxy startProxy(E2eFixture& fixture, bool socks, bool withPassword)
+{
+    Proxy proxy { TestKit::freeLoopbackPort(),
+                  fixture.path(socks ? QStringLiteral("danted.log") : QStringLiteral("tinyproxy.log")) };
+    if (socks)
+        startDanted(fixture, proxy, withPassword);
+    else
+        startTinyproxy(fixture, proxy, withPassword);
     if (!TestKit::waitForListener(proxy.port))
         proxy.port = 0;
     return proxy;
-}
-
-quint16 platformPort(const E2eFixture& fixture)
-{
-    return quint16(QUrl(fixture.ready().value(QStringLiteral("base_url")).toString()).port());
 }
 
 } // namespace
@@ -134,46 +131,75 @@ private Q_SLOTS:
     void tunnelThroughProxy_data()
     {
         QTest::addColumn<QString>("scheme");
-        QTest::addColumn<bool>("proxyWantsPassword");
-        QTest::addColumn<QString>("credentials"); // "url", "environment" or empty
+        // Empty: the proxy wants none. "url", "environment": it wants them and gets them that
+        // way. "wrong": it gets a wrong password. "down": no proxy listens.
+        QTest::addColumn<QString>("credentials");
 
-        QTest::newRow("socks5") << "socks5" << false << QString();
-        QTest::newRow("socks5, user and password in the url") << "socks5" << true << "url";
-        QTest::newRow("socks5, user and password from the environment") << "socks5" << true << "environment";
-        QTest::newRow("http") << "http" << false << QString();
-        QTest::newRow("http, user and password from the environment") << "http" << true << "environment";
+        QTest::newRow("socks5") << "socks5" << QString();
+        QTest::newRow("socks5, user and password in the url") << "socks5"
+                                                              << "url";
+        QTest::newRow("socks5, user and password from the environment") << "socks5"
+                                                                        << "environment";
+        QTest::newRow("http") << "http" << QString();
+        QTest::newRow("http, user and password from the environment") << "http"
+                                                                      << "environment";
+        QTest::newRow("nothing listens") << "socks5"
+                                         << "down";
+        QTest::newRow("socks5, wrong password") << "socks5"
+                                                << "wrong";
+        QTest::newRow("http, wrong password") << "http"
+                                              << "wrong";
     }
 
+    // A usable proxy carries the REST calls and the WebSocket; an unusable one fails the tunnel
+    // and nothing goes around it.
     void tunnelThroughProxy()
     {
         QFETCH(QString, scheme);
-        QFETCH(bool, proxyWantsPassword);
         QFETCH(QString, credentials);
         const bool socks = scheme == QLatin1String("socks5");
-        if (socks && proxyWantsPassword && !canGiveDantedItsOwnUsers())
+        const bool down = credentials == QLatin1String("down");
+        const bool wantsPassword = !credentials.isEmpty() && !down;
+        const bool usable = !down && credentials != QLatin1String("wrong");
+        if (socks && wantsPassword && !canGiveDantedItsOwnUsers())
             QSKIP("danted's user name check needs a private mount namespace (root and unshare)");
 
         E2eFixture fixture;
         QVERIFY(fixture.startSimulator());
         fixture.useApiToken();
-        const Proxy proxy = socks ? startDanted(fixture, proxyWantsPassword)
-                                  : startTinyproxy(fixture, platformPort(fixture), proxyWantsPassword);
-        QVERIFY2(proxy.port != 0, "the proxy did not start");
-
-        QString url = QStringLiteral("%1://127.0.0.1:%2").arg(scheme).arg(proxy.port);
+        Proxy proxy { TestKit::freeLoopbackPort(), QString() };
+        if (!down) {
+            proxy = startProxy(fixture, socks, wantsPassword);
+            QVERIFY2(proxy.port != 0, "the proxy did not start");
+        }
+        QString userInfo;
         if (credentials == QLatin1String("url"))
-            url = QStringLiteral("%1://%2:%3@127.0.0.1:%4")
-                      .arg(scheme, PROXY_USER, PROXY_PASSWORD)
-                      .arg(proxy.port);
+            userInfo = PROXY_USER + QLatin1Char(':') + PROXY_PASSWORD + QLatin1Char('@');
+        if (credentials == QLatin1String("wrong"))
+            userInfo = PROXY_USER + QStringLiteral(":wrong@");
         if (credentials == QLatin1String("environment")) {
             // Whatever the URL says, the environment wins.
-            url = QStringLiteral("%1://nobody:wrong@127.0.0.1:%2").arg(scheme).arg(proxy.port);
+            userInfo = QStringLiteral("nobody:wrong@");
             fixture.setEnv(QStringLiteral("KBSAAS_PROXY_USERNAME"), PROXY_USER);
             fixture.setEnv(QStringLiteral("KBSAAS_PROXY_PASSWORD"), PROXY_PASSWORD);
         }
+        const QString url
+            = scheme + QStringLiteral("://") + userInfo + QStringLiteral("127.0.0.1:%1").arg(proxy.port);
         fixture.writeConfig({ { QStringLiteral("proxy"), url } });
-
         const QString uuid = fixture.instanceUuid();
+
+        if (!usable) {
+            QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
+            QTRY_COMPARE_WITH_TIMEOUT(fixture.state(uuid), QStringLiteral("FAILED"), 60000);
+            QVERIFY(fixture.log().contains("Failed to retrieve instance access token:"));
+            // doctor, too, goes through the proxy or not at all.
+            QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("doctor") }).exitCode, 2);
+            // Nothing reached the platform, and the daemon still answers.
+            QVERIFY(fixture.requests().isEmpty());
+            QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("getdaemoninfo") }).exitCode, 0);
+            QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("getinstances") }).exitCode, 0);
+            return;
+        }
         const QString serial = fixture.connectInstance(uuid);
         QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
         QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("getdaemoninfo") })
@@ -181,25 +207,17 @@ private Q_SLOTS:
                      .value(QStringLiteral("proxy"))
                      .toString(),
                  QStringLiteral("127.0.0.1:%1").arg(proxy.port));
-
-        const QString local = fixture.makeFile(QStringLiteral("through-proxy.bin"), 256 << 10);
-        const QString remote = QStringLiteral("/data/local/tmp/through-proxy.bin");
-        const QString pulled = fixture.path(QStringLiteral("pulled.bin"));
-        QCOMPARE(
-            fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("push"), local, remote }).exitCode, 0);
-        QCOMPARE(
-            fixture.adb({ QStringLiteral("-s"), serial, QStringLiteral("pull"), remote, pulled }).exitCode,
-            0);
-        QCOMPARE(E2eFixture::sha256(pulled), E2eFixture::sha256(local));
+        const QString failed = fixture.roundTrip(serial, QStringLiteral("through-proxy.bin"), 256 << 10);
+        QVERIFY2(failed.isEmpty(), qPrintable(failed));
 
         // The proxy saw both REST calls and the WebSocket upgrade.
         const QByteArray log = proxy.log();
-        const QByteArray platform = "127.0.0.1:" + QByteArray::number(platformPort(fixture));
+        const QByteArray platform = "127.0.0.1:" + QByteArray::number(fixture.platformPort());
         if (socks) {
             QVERIFY2(log.contains("POST /v1/instances/access-token"), log.right(3000).constData());
             QVERIFY(log.contains("GET /v1/instances/" + uuid.toUtf8() + " "));
             QVERIFY(log.contains("GET /v1/instances/" + uuid.toUtf8() + "/adb "));
-            if (proxyWantsPassword)
+            if (wantsPassword)
                 QVERIFY(log.contains("username%" + PROXY_USER.toUtf8() + "@"));
         } else {
             QVERIFY2(log.contains("POST http://" + platform + "/v1/instances/access-token"),
@@ -216,11 +234,8 @@ private Q_SLOTS:
     void invalidProxyUrlMeansNoProxy()
     {
         E2eFixture fixture;
-        QVERIFY(fixture.startSimulator());
-        fixture.useApiToken();
         fixture.writeConfig({ { QStringLiteral("proxy"), QStringLiteral("http://proxy host:3128") } });
-        const QString serial = fixture.connectInstance(fixture.instanceUuid());
-        QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
+        QVERIFY(!fixture.startAndConnect().isEmpty());
         QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("getdaemoninfo") })
                      .json()
                      .value(QStringLiteral("proxy"))
@@ -229,49 +244,6 @@ private Q_SLOTS:
         const QByteArray log = fixture.log();
         QVERIFY(log.contains("[warning] Proxy url from config is invalid \"http://proxy host:3128\""));
         QVERIFY(log.contains("No proxy used"));
-    }
-
-    void unusableProxyFailsTheTunnel_data()
-    {
-        QTest::addColumn<QString>("how");
-        QTest::newRow("nothing listens") << "down";
-        QTest::newRow("socks5, wrong password") << "socks5";
-        QTest::newRow("http, wrong password") << "http";
-    }
-
-    void unusableProxyFailsTheTunnel()
-    {
-        QFETCH(QString, how);
-        if (how == QLatin1String("socks5") && !canGiveDantedItsOwnUsers())
-            QSKIP("danted's user name check needs a private mount namespace (root and unshare)");
-
-        E2eFixture fixture;
-        QVERIFY(fixture.startSimulator());
-        fixture.useApiToken();
-        QString url = QStringLiteral("socks5://127.0.0.1:%1").arg(E2eFixture::freePort());
-        if (how != QLatin1String("down")) {
-            const Proxy proxy = how == QLatin1String("socks5")
-                ? startDanted(fixture, true)
-                : startTinyproxy(fixture, platformPort(fixture), true);
-            QVERIFY(proxy.port != 0);
-            url = QStringLiteral("%1://%2:wrong@127.0.0.1:%3").arg(how, PROXY_USER).arg(proxy.port);
-        }
-        fixture.writeConfig({ { QStringLiteral("proxy"), url } });
-
-        const QString uuid = fixture.instanceUuid();
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        const QJsonObject entry = fixture.waitForState(uuid, QStringLiteral("FAILED"), 60000);
-        QCOMPARE(entry.value(QStringLiteral("state")).toString(), QStringLiteral("FAILED"));
-        QVERIFY(fixture.log().contains("Failed to retrieve instance access token:"));
-        // doctor, too, goes through the proxy or not at all.
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("doctor") }).exitCode, 2);
-        // Nothing reached the platform, and the daemon still answers.
-        QVERIFY(fixture.adminGet(QStringLiteral("requests"))
-                    .value(QStringLiteral("requests"))
-                    .toArray()
-                    .isEmpty());
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("getdaemoninfo") }).exitCode, 0);
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("getinstances") }).exitCode, 0);
     }
 };
 

@@ -3,10 +3,6 @@
 // and reverse streams) works through both versions too.
 #include "e2efixture.h"
 
-#include <QDir>
-#include <QRandomGenerator>
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QtTest>
 
 class TestE2eTransfer : public QObject
@@ -40,32 +36,17 @@ private Q_SLOTS:
 
         E2eFixture fixture;
         fixture.setEnv(QStringLiteral("KB_ADBTUNNEL_VERSION"), QString::number(version));
-        QVERIFY(fixture.startSimulator({ QStringLiteral("--rtt-ms"), QString::number(rttMs),
-                                         QStringLiteral("--device-profile"), profile }));
-        fixture.useApiToken();
-        const QString serial = fixture.connectInstance(fixture.instanceUuid());
-        QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
+        const QString serial = fixture.startAndConnect({ QStringLiteral("--rtt-ms"), QString::number(rttMs),
+                                                         QStringLiteral("--device-profile"), profile });
+        QVERIFY(!serial.isEmpty());
 
         for (const qint64 size : sizes) {
-            const QString name = QStringLiteral("file-%1.bin").arg(size);
-            const QString local = fixture.makeFile(name, size);
-            const QString remote = QStringLiteral("/data/local/tmp/") + name;
-            const E2eFixture::Result push = fixture.adb(
-                { QStringLiteral("-s"), serial, QStringLiteral("push"), local, remote }, 300000);
-            QVERIFY2(push.exitCode == 0, (push.err + "\n" + fixture.log().right(4000)).constData());
-
-            const QString pulled = fixture.path(QStringLiteral("pulled-") + name);
-            const E2eFixture::Result pull = fixture.adb(
-                { QStringLiteral("-s"), serial, QStringLiteral("pull"), remote, pulled }, 300000);
-            QVERIFY2(pull.exitCode == 0, (pull.err + "\n" + fixture.log().right(4000)).constData());
-            QCOMPARE(QFileInfo(pulled).size(), size);
-            QCOMPARE(E2eFixture::sha256(pulled), E2eFixture::sha256(local));
-            QFile::remove(pulled);
-            QFile::remove(local);
+            const QString failed = fixture.roundTrip(serial, QStringLiteral("file-%1.bin").arg(size), size);
+            QVERIFY2(failed.isEmpty(), qPrintable(failed));
         }
 
-        const E2eFixture::Result listing = fixture.adb(
-            { QStringLiteral("-s"), serial, QStringLiteral("ls"), QStringLiteral("/data/local/tmp") });
+        const E2eFixture::Result listing
+            = fixture.adbOn(serial, { QStringLiteral("ls"), QStringLiteral("/data/local/tmp") });
         QCOMPARE(listing.exitCode, 0);
         QVERIFY2(listing.out.count("file-") == sizes.size(), (listing.out + listing.err).constData());
     }
@@ -82,13 +63,9 @@ private Q_SLOTS:
         QFETCH(int, version);
         E2eFixture fixture;
         fixture.setEnv(QStringLiteral("KB_ADBTUNNEL_VERSION"), QString::number(version));
-        QVERIFY(fixture.startSimulator());
-        fixture.useApiToken();
-        const QString serial = fixture.connectInstance(fixture.instanceUuid());
-        QVERIFY2(!serial.isEmpty(), fixture.log().right(3000).constData());
-        const auto adb = [&](const QStringList& arguments) {
-            return fixture.adb(QStringList { QStringLiteral("-s"), serial } + arguments);
-        };
+        const QString serial = fixture.startAndConnect();
+        QVERIFY(!serial.isEmpty());
+        const auto adb = [&](const QStringList& arguments) { return fixture.adbOn(serial, arguments); };
 
         const QByteArray features = adb({ QStringLiteral("features") }).out;
         for (const char* feature : { "shell_v2", "cmd", "stat_v2", "ls_v2", "abb_exec" })
@@ -111,7 +88,7 @@ private Q_SLOTS:
         // Both stream directions: the host opens for `adb forward`, the device for `adb reverse`.
         EchoServer echo;
         const QString target = echo.adbTarget();
-        const quint16 forwarded = E2eFixture::freePort();
+        const quint16 forwarded = TestKit::freeLoopbackPort();
         QCOMPARE(adb({ QStringLiteral("forward"), QStringLiteral("tcp:%1").arg(forwarded), target }).exitCode,
                  0);
         QVERIFY(TestKit::echoesThrough(forwarded, 2 * 1024 * 1024, 1));

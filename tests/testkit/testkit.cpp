@@ -2,6 +2,7 @@
 
 #include <QCryptographicHash>
 #include <QDeadlineTimer>
+#include <QEventLoop>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -14,6 +15,7 @@
 #include <QTcpSocket>
 #include <QtEndian>
 #include <QTest>
+#include <QTimer>
 
 #include <csignal>
 #include <sys/prctl.h>
@@ -59,25 +61,36 @@ QByteArray TestKit::randomBytes(qsizetype size, quint32 seed)
     return bytes;
 }
 
-bool TestKit::echoesThrough(quint16 port, qsizetype size, quint32 seed)
+bool TestKit::echoesThrough(quint16 port, qsizetype size, quint32 seed, int timeoutMs)
 {
     const QByteArray data = randomBytes(size, seed);
     QTcpSocket client;
-    client.connectToHost(QHostAddress::LocalHost, port);
-    if (!client.waitForConnected(10000))
-        return false;
-    client.write(data);
     QByteArray back;
-    return QTest::qWaitFor([&] { return (back += client.readAll()).size() >= data.size(); }, 60000)
-        && back == data;
+    // Driven by the socket's own signals: QTest::qWaitFor sleeps in steps that would cost more
+    // than a short exchange itself.
+    QEventLoop loop;
+    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
+    QObject::connect(&client, &QTcpSocket::connected, &loop, [&] { client.write(data); });
+    QObject::connect(&client, &QTcpSocket::readyRead, &loop, [&] {
+        back += client.readAll();
+        if (back.size() >= data.size())
+            loop.quit();
+    });
+    QObject::connect(&client, &QTcpSocket::errorOccurred, &loop, &QEventLoop::quit);
+    client.connectToHost(QHostAddress::LocalHost, port);
+    loop.exec();
+    client.disconnectFromHost();
+    return back == data;
 }
 
 EchoServer::EchoServer()
 {
     listen(QHostAddress::LocalHost, 0);
     connect(this, &QTcpServer::newConnection, this, [this] {
-        QTcpSocket* socket = nextPendingConnection();
-        connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->write(socket->readAll()); });
+        while (QTcpSocket* socket = nextPendingConnection()) {
+            connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->write(socket->readAll()); });
+            connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        }
     });
 }
 
@@ -109,21 +122,6 @@ QByteArray TestKit::localFrame(const QByteArray& payload)
 QString TestKit::adbPath()
 {
     return QStringLiteral("/usr/lib/android-sdk/platform-tools/adb");
-}
-
-QJsonObject RunResult::json() const
-{
-    return QJsonDocument::fromJson(out).object();
-}
-
-QJsonObject RunResult::errorJson() const
-{
-    return QJsonDocument::fromJson(err).object();
-}
-
-QJsonObject HttpResult::json() const
-{
-    return QJsonDocument::fromJson(body).object();
 }
 
 RunResult TestKit::run(const QString& program, const QStringList& arguments, const QProcessEnvironment& env,
@@ -164,6 +162,17 @@ bool TestKit::processAlive(qint64 pid)
     return pid > 0 && ::kill(pid_t(pid), 0) == 0;
 }
 
+void TestKit::endProcess(QProcess& process, int graceMs)
+{
+    if (process.state() == QProcess::NotRunning)
+        return;
+    process.terminate();
+    if (!process.waitForFinished(graceMs)) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+}
+
 void TestKit::killDaemons(const QByteArray& log)
 {
     for (const qint64 pid : daemonPids(log)) {
@@ -196,15 +205,16 @@ HttpResult TestKit::http(const QByteArray& verb, const QUrl& url, const QByteArr
 
 QString TestKit::makeSelfSignedCertificate(const QString& dir)
 {
-    const RunResult openssl = run(
-        QStringLiteral("openssl"),
-        { QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"), QStringLiteral("ec"),
-          QStringLiteral("-pkeyopt"), QStringLiteral("ec_paramgen_curve:prime256v1"),
-          QStringLiteral("-nodes"), QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
-          QStringLiteral("/CN=127.0.0.1"), QStringLiteral("-addext"),
-          QStringLiteral("subjectAltName=IP:127.0.0.1,DNS:localhost"), QStringLiteral("-keyout"),
-          dir + QStringLiteral("/key.pem"), QStringLiteral("-out"), dir + QStringLiteral("/cert.pem") },
-        QProcessEnvironment::systemEnvironment(), 30000);
+    const QStringList arguments
+        = QStringLiteral("req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 "
+                         "-subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1,DNS:localhost")
+              .split(QLatin1Char(' '));
+    const RunResult openssl
+        = run(QStringLiteral("openssl"),
+              arguments
+                  + QStringList { QStringLiteral("-keyout"), dir + QStringLiteral("/key.pem"),
+                                  QStringLiteral("-out"), dir + QStringLiteral("/cert.pem") },
+              QProcessEnvironment::systemEnvironment(), 30000);
     return openssl.exitCode == 0 ? QString() : QString::fromUtf8(openssl.err);
 }
 
@@ -240,13 +250,7 @@ bool SimProcess::start(const QStringList& arguments, QString* error)
 
 void SimProcess::stop()
 {
-    if (m_process.state() == QProcess::NotRunning)
-        return;
-    m_process.terminate();
-    if (!m_process.waitForFinished(10000)) {
-        m_process.kill();
-        m_process.waitForFinished(5000);
-    }
+    TestKit::endProcess(m_process);
 }
 
 QJsonObject SimProcess::instance(int index) const
@@ -309,13 +313,7 @@ void AdbServer::stop()
     if (m_stopped)
         return;
     m_stopped = true;
-    if (m_server.state() != QProcess::NotRunning) {
-        m_server.terminate();
-        if (!m_server.waitForFinished(10000)) {
-            m_server.kill();
-            m_server.waitForFinished(5000);
-        }
-    }
+    TestKit::endProcess(m_server);
     // A server that a client started is not our child: ask it to go, then see the port closed.
     if (listens(m_port))
         run({ QStringLiteral("kill-server") }, 20000);

@@ -4,6 +4,7 @@
 // the daemon's log, HTTP calls, a self-signed certificate, the platform simulator as a process,
 // and the real adb on a server of the test's own (never the user's 5037, never ~/.android).
 
+#include <QJsonDocument>
 #include <QJsonObject>
 #include <QNetworkReply>
 #include <QProcess>
@@ -20,8 +21,8 @@ struct RunResult
     bool finished = false;
     QByteArray out;
     QByteArray err;
-    QJsonObject json() const;
-    QJsonObject errorJson() const;
+    QJsonObject json() const { return QJsonDocument::fromJson(out).object(); }
+    QJsonObject errorJson() const { return QJsonDocument::fromJson(err).object(); }
 };
 using AdbResult = RunResult;
 
@@ -30,7 +31,7 @@ struct HttpResult
     int status = 0;
     QNetworkReply::NetworkError error = QNetworkReply::NoError;
     QByteArray body;
-    QJsonObject json() const;
+    QJsonObject json() const { return QJsonDocument::fromJson(body).object(); }
 };
 
 namespace TestKit {
@@ -41,8 +42,9 @@ QByteArray sha256(const QString& file);
 // size pseudo-random bytes, the same for the same seed.
 QByteArray randomBytes(qsizetype size, quint32 seed);
 // Sends size pseudo-random bytes to the loopback port while reading what comes back, with the
-// event loop running (the echoing end may live in this thread); true when all came back intact.
-bool echoesThrough(quint16 port, qsizetype size, quint32 seed);
+// event loop running (the echoing end may live in this thread); true when all came back intact
+// within timeoutMs.
+bool echoesThrough(quint16 port, qsizetype size, quint32 seed, int timeoutMs = 60000);
 // A file's content; empty when it cannot be read.
 QByteArray readFile(const QString& path);
 // Replaces path's content; false when it cannot be written.
@@ -62,6 +64,8 @@ RunResult run(const QString& program, const QStringList& arguments, const QProce
 // The pids of every kbadbtunneld that logged its start in log, oldest first.
 QList<qint64> daemonPids(const QByteArray& log);
 bool processAlive(qint64 pid);
+// SIGTERM, then SIGKILL when the process has not ended within graceMs.
+void endProcess(QProcess& process, int graceMs = 10000);
 // SIGKILL to every daemon of log that still runs: a test's last resort after "stop".
 void killDaemons(const QByteArray& log);
 // One HTTP request, never through a proxy; status 0 when no answer came.
