@@ -19,8 +19,6 @@
 
 namespace {
 
-const QByteArray API_TOKEN = "test-api-token";
-
 QByteArray adbMessage(quint32 command, quint32 arg0, quint32 arg1, const QByteArray& payload = QByteArray())
 {
     return AdbPacket(command, arg0, arg1, payload).toByteArray();
@@ -123,24 +121,21 @@ private:
 
     SimProcess m_sim;
     QString m_uuid;
+    QByteArray m_apiToken;
 };
 
 void TestSimPlatform::initTestCase()
 {
     QString error;
-    QVERIFY2(m_sim.start({ QStringLiteral("--instances"), QStringLiteral("2"), QStringLiteral("--api-token"),
-                           QString::fromLatin1(API_TOKEN), QStringLiteral("--email"),
-                           QStringLiteral("dev@example.com"), QStringLiteral("--password"),
-                           QStringLiteral("s3cret") },
-                         &error),
-             qPrintable(error));
+    QVERIFY2(m_sim.start({}, &error), qPrintable(error));
     m_uuid = m_sim.instance().value(QStringLiteral("uuid")).toString();
+    m_apiToken = m_sim.ready.value(QStringLiteral("api_token")).toString().toLatin1();
 }
 
 QString TestSimPlatform::accessToken()
 {
     return http("POST", QStringLiteral("/v1/instances/access-token"),
-                "{\"instance_uuid\":\"" + m_uuid.toLatin1() + "\"}", API_TOKEN)
+                "{\"instance_uuid\":\"" + m_uuid.toLatin1() + "\"}", m_apiToken)
         .json()
         .value(QStringLiteral("access_token"))
         .toString();
@@ -303,11 +298,13 @@ void TestSimPlatform::restErrors_data()
     };
     const QString accessToken = QStringLiteral("/v1/instances/access-token");
     row("login, wrong password", "POST", QStringLiteral("/v1/users/login"),
-        R"({"email":"dev@example.com","password":"x"})", {}, 401);
-    row("access token, no instance_uuid", "POST", accessToken, "{}", API_TOKEN, 400);
-    row("access token, body not JSON", "POST", accessToken, "instance_uuid", API_TOKEN, 400);
+        R"({"email":")" + m_sim.ready.value(QStringLiteral("email")).toString().toUtf8()
+            + R"(","password":"x"})",
+        {}, 401);
+    row("access token, no instance_uuid", "POST", accessToken, "{}", m_apiToken, 400);
+    row("access token, body not JSON", "POST", accessToken, "instance_uuid", m_apiToken, 400);
     row("instance details, no credentials", "GET", QStringLiteral("/v1/instances/") + m_uuid, {}, {}, 401);
-    row("unknown path", "GET", QStringLiteral("/v2/whatever"), {}, API_TOKEN, 404);
+    row("unknown path", "GET", QStringLiteral("/v2/whatever"), {}, m_apiToken, 404);
 }
 
 void TestSimPlatform::restErrors()
