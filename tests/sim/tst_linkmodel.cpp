@@ -11,66 +11,57 @@ class TestLinkModel : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void immediateWithoutDelay();
-    void orderKeptAcrossChanges_data();
-    void orderKeptAcrossChanges();
-    void bandwidthSpacesChunks();
+    void delivery_data();
+    void delivery();
 };
 
-void TestLinkModel::immediateWithoutDelay()
+void TestLinkModel::delivery_data()
 {
-    LinkModel link(nullptr);
-    QSignalSpy delivered(link.uplink(), &LinkLane::delivered);
-    link.uplink()->send("a");
-    QCOMPARE(delivered.size(), 1); // no timer round trip on an unshaped link
-    QCOMPARE(link.uplink()->queuedBytes(), 0);
-}
-
-void TestLinkModel::orderKeptAcrossChanges_data()
-{
+    // Three chunks of chunkSize bytes: the first sent with the first settings, the other two
+    // after the change to the second.
     QTest::addColumn<int>("firstRtt");
+    QTest::addColumn<qint64>("firstKbps");
     QTest::addColumn<int>("secondRtt");
     QTest::addColumn<qint64>("secondKbps");
-    QTest::newRow("delay removed") << 200 << 0 << qint64(0);
-    QTest::newRow("delay shortened") << 300 << 20 << qint64(0);
-    QTest::newRow("bandwidth lifted") << 0 << 0 << qint64(0);
+    QTest::addColumn<int>("chunkSize");
+    QTest::addColumn<int>("minMs"); // the least time until all have arrived; 0: at once
+    // No timer round trip on an unshaped link.
+    QTest::newRow("unshaped") << 0 << qint64(0) << 0 << qint64(0) << 1 << 0;
+    // Each direction carries half of the round trip.
+    QTest::newRow("delay removed") << 200 << qint64(0) << 0 << qint64(0) << 1 << 100;
+    QTest::newRow("delay shortened") << 300 << qint64(0) << 20 << qint64(0) << 1 << 150;
+    // 1 kB/s: the first chunk takes 200 ms on the wire.
+    QTest::newRow("bandwidth lifted") << 0 << qint64(8) << 0 << qint64(0) << 200 << 200;
+    // 100 kB/s: each chunk waits for the wire behind the one before.
+    QTest::newRow("bandwidth spaces chunks") << 0 << qint64(800) << 0 << qint64(800) << 10000 << 300;
 }
 
-void TestLinkModel::orderKeptAcrossChanges()
+void TestLinkModel::delivery()
 {
     QFETCH(int, firstRtt);
+    QFETCH(qint64, firstKbps);
     QFETCH(int, secondRtt);
     QFETCH(qint64, secondKbps);
+    QFETCH(int, chunkSize);
+    QFETCH(int, minMs);
     LinkModel link(nullptr);
     QSignalSpy delivered(link.downlink(), &LinkLane::delivered);
     link.setRttMs(firstRtt);
-    if (firstRtt == 0)
-        link.setBandwidthKbps(80); // 10 bytes per second: the first chunk takes a while
-    link.downlink()->send(QByteArray(2, 'a'));
-    link.setRttMs(secondRtt);
-    link.setBandwidthKbps(secondKbps);
-    link.downlink()->send("b");
-    link.downlink()->send("c");
-    QCOMPARE(delivered.size(), 0);
-    QCOMPARE(link.downlink()->queuedBytes(), 4);
-    QTRY_COMPARE_WITH_TIMEOUT(delivered.size(), 3, 10000);
-    QCOMPARE(delivered.at(0).at(0).toByteArray(), QByteArray("aa"));
-    QCOMPARE(delivered.at(1).at(0).toByteArray(), QByteArray("b"));
-    QCOMPARE(delivered.at(2).at(0).toByteArray(), QByteArray("c"));
-    QCOMPARE(link.downlink()->queuedBytes(), 0);
-}
-
-void TestLinkModel::bandwidthSpacesChunks()
-{
-    LinkModel link(nullptr);
-    link.setBandwidthKbps(800); // 100 kB/s
-    QSignalSpy delivered(link.uplink(), &LinkLane::delivered);
+    link.setBandwidthKbps(firstKbps);
     QElapsedTimer clock;
     clock.start();
-    for (int i = 0; i < 4; ++i)
-        link.uplink()->send(QByteArray(5000, 'x')); // 20 kB: at least 200 ms on the wire
-    QTRY_COMPARE_WITH_TIMEOUT(delivered.size(), 4, 10000);
-    QVERIFY2(clock.elapsed() >= 200, qPrintable(QString::number(clock.elapsed())));
+    link.downlink()->send(QByteArray(chunkSize, 'a'));
+    link.setRttMs(secondRtt);
+    link.setBandwidthKbps(secondKbps);
+    link.downlink()->send(QByteArray(chunkSize, 'b'));
+    link.downlink()->send(QByteArray(chunkSize, 'c'));
+    QCOMPARE(delivered.size(), minMs == 0 ? 3 : 0);
+    QCOMPARE(link.downlink()->queuedBytes(), minMs == 0 ? 0 : 3 * chunkSize);
+    QTRY_COMPARE_WITH_TIMEOUT(delivered.size(), 3, 10000);
+    QVERIFY2(clock.elapsed() >= minMs, qPrintable(QString::number(clock.elapsed())));
+    for (int i = 0; i < 3; ++i)
+        QCOMPARE(delivered.at(i).at(0).toByteArray(), QByteArray(chunkSize, char('a' + i)));
+    QCOMPARE(link.downlink()->queuedBytes(), 0);
 }
 
 QTEST_GUILESS_MAIN(TestLinkModel)
