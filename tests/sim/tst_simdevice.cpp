@@ -21,7 +21,6 @@ class TestSimDevice : public QObject
 
 private Q_SLOTS:
     void initTestCase();
-    void cleanupTestCase();
     void shell_data();
     void shell();
     void commandInput_data();
@@ -62,6 +61,8 @@ private:
     SimProcess m_sim;
     SimProcess m_legacySim;
     QString m_legacySerial;
+    // Declared last, so destroyed first: the adb server ends before the simulators, and they
+    // before their sandbox goes.
     std::unique_ptr<AdbServer> m_adb;
 };
 
@@ -87,14 +88,6 @@ void TestSimDevice::initTestCase()
     QVERIFY(!m_serial.isEmpty());
     m_legacySerial = connectDevice(m_legacySim);
     QVERIFY(!m_legacySerial.isEmpty());
-}
-
-void TestSimDevice::cleanupTestCase()
-{
-    if (m_adb)
-        m_adb->stop();
-    m_sim.stop();
-    m_legacySim.stop();
 }
 
 void TestSimDevice::shell_data()
