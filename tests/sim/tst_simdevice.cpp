@@ -26,15 +26,12 @@ private Q_SLOTS:
     void commandInput_data();
     void commandInput();
     void interactiveShell();
-    void largeFileSize();
-    void reverseRemoved();
     void delayedAck_data();
     void delayedAck();
     void syncPaths_data();
     void syncPaths();
     void malformedMessages_data();
     void malformedMessages();
-    void relayToTcpDevice();
 
 private:
     AdbResult adb(const QStringList& arguments, bool legacy = false) const
@@ -179,35 +176,6 @@ void TestSimDevice::interactiveShell()
     process.write("exit 5\r");
     QVERIFY(process.waitForFinished(20000));
     QCOMPARE(process.exitCode(), 5);
-}
-
-void TestSimDevice::largeFileSize()
-{
-    // Sparse: nothing near 5 GiB is written. "adb ls" prints sizes in hex.
-    const qint64 size = 5LL * 1024 * 1024 * 1024 + 5;
-    QFile file(m_deviceRoot + QStringLiteral("/sdcard/large.bin"));
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.resize(size));
-    file.close();
-    const auto removeFile = qScopeGuard([&file] { file.remove(); });
-    const AdbResult listed = adb({ QStringLiteral("ls"), QStringLiteral("/sdcard") });
-    QVERIFY2(listed.out.contains(" 140000005 "), listed.out);
-}
-
-void TestSimDevice::reverseRemoved()
-{
-    // The device's listener goes with its rule (the way through is tst_e2e_transfer's).
-    EchoServer echo;
-    const AdbResult set = adb({ QStringLiteral("reverse"), QStringLiteral("tcp:0"), echo.adbTarget() });
-    const quint16 entry = quint16(set.out.trimmed().toUInt());
-    QVERIFY2(set.exitCode == 0 && entry != 0, set.out + set.err);
-    const QString rule = QStringLiteral("tcp:%1").arg(entry);
-    QVERIFY(adb({ QStringLiteral("reverse"), QStringLiteral("--list") })
-                .out.contains((rule + QLatin1Char(' ') + echo.adbTarget()).toUtf8()));
-    QVERIFY(TestKit::waitForListener(entry));
-    QCOMPARE(adb({ QStringLiteral("reverse"), QStringLiteral("--remove"), rule }).exitCode, 0);
-    QTcpSocket refused;
-    refused.connectToHost(QHostAddress::LocalHost, entry);
-    QVERIFY(!refused.waitForConnected(10000));
 }
 
 void TestSimDevice::delayedAck_data()
@@ -373,24 +341,6 @@ void TestSimDevice::malformedMessages()
         QCOMPARE(socket.state(), QAbstractSocket::ConnectedState);
     }
     QCOMPARE(adb({ QStringLiteral("shell"), QStringLiteral("echo ok") }).out, QByteArray("ok\n"));
-}
-
-void TestSimDevice::relayToTcpDevice()
-{
-    // A second simulator whose instance relays to the first one's device, as it would to an
-    // emulator's adbd.
-    SimProcess relay;
-    QString error;
-    QVERIFY2(relay.start({ QStringLiteral("--device"), QStringLiteral("tcp:127.0.0.1:%1").arg(m_devicePort) },
-                         &error),
-             qPrintable(error));
-    const QString serial = connectDevice(relay);
-    QVERIFY(!serial.isEmpty());
-    const AdbResult result = m_adb->run(
-        { QStringLiteral("-s"), serial, QStringLiteral("shell"), QStringLiteral("getprop ro.serialno") });
-    QCOMPARE(result.out, m_sim.instance().value(QStringLiteral("uuid")).toString().toUtf8() + '\n');
-    m_adb->run({ QStringLiteral("disconnect"), serial });
-    relay.stop();
 }
 
 QTEST_GUILESS_MAIN(TestSimDevice)
