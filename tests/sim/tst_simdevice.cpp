@@ -23,8 +23,6 @@ private Q_SLOTS:
     void initTestCase();
     void shell_data();
     void shell();
-    void commandInput_data();
-    void commandInput();
     void interactiveShell();
     void delayedAck_data();
     void delayedAck();
@@ -115,33 +113,6 @@ void TestSimDevice::shell()
     QCOMPARE(result.out, out);
     QCOMPARE(result.err, err);
     QCOMPARE(result.exitCode, exitCode);
-}
-
-void TestSimDevice::commandInput_data()
-{
-    QTest::addColumn<QString>("service");
-    QTest::newRow("shell protocol: close-stdin ends the input") << QStringLiteral("shell");
-    // Without the shell protocol the host closes the stream right after its last write.
-    QTest::newRow("exec-in: the stream's end ends the input") << QStringLiteral("exec-in");
-}
-
-void TestSimDevice::commandInput()
-{
-    QFETCH(QString, service);
-    const QByteArray data = TestKit::randomBytes(1024 * 1024 + 3, 11);
-    const QString local = m_work.filePath(QStringLiteral("input.bin"));
-    QVERIFY(TestKit::writeFile(local, data));
-    const QString remote = QStringLiteral("data/local/tmp/input-%1.bin").arg(QTest::currentDataTag()[0]);
-    QProcess process;
-    process.setProcessEnvironment(m_adb->environment());
-    process.setStandardInputFile(local);
-    process.start(TestKit::adbPath(),
-                  { QStringLiteral("-s"), m_serial, service, QStringLiteral("cat > ") + remote });
-    QVERIFY(process.waitForFinished(60000));
-    QCOMPARE(process.exitCode(), 0);
-    // The command may still be taking the last of its input when adb has returned.
-    QTRY_VERIFY_WITH_TIMEOUT(adb({ QStringLiteral("exec-out"), QStringLiteral("cat ") + remote }).out == data,
-                             20000);
 }
 
 void TestSimDevice::interactiveShell()
