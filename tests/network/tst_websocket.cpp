@@ -214,7 +214,7 @@ private Q_SLOTS:
 
     // In 1 MiB fragments, so that only the message limit can stop it. One oversized frame is
     // refused at its header by the frame reader (tst_websocketframe), and its warning is checked
-    // end to end against the simulator by tst_e2e_hostilecloud ("oversized-frame").
+    // end to end against the simulator by tst_e2e_flowcontrol ("oversized-frame").
     void oversizedMessageIsRefused()
     {
         connectClient();
