@@ -8,11 +8,6 @@
 
 namespace {
 
-QByteArray message(quint32 command, quint32 arg0, quint32 arg1, const QByteArray& payload)
-{
-    return AdbPacket(command, arg0, arg1, payload).toByteArray();
-}
-
 // A header taken verbatim, whatever its fields say.
 QByteArray rawMessage(quint32 command, quint32 length, quint32 check, quint32 magic,
                       const QByteArray& payload)
@@ -33,10 +28,8 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("payload");
         QTest::addColumn<quint32>("check");
         QTest::newRow("empty") << QByteArray() << 0u;
-        QTest::newRow("ff 01") << QByteArray::fromHex("ff01") << 0u;
         QTest::newRow("80") << QByteArray::fromHex("80") << 0xFFFFFF80u;
         QTest::newRow("ascii") << QByteArray("host::") << quint32('h' + 'o' + 's' + 't' + ':' + ':');
-        QTest::newRow("long high bytes") << QByteArray(1000, '\xfe') << quint32(-2000);
     }
     void checksumIsSigned()
     {
@@ -61,41 +54,27 @@ private Q_SLOTS:
         QCOMPARE(AdbPacket().size(), 24 + 256 * 1024);
     }
 
-    void readerCutsMessages_data()
-    {
-        QTest::addColumn<QList<QByteArray>>("chunks");
-        QTest::addColumn<QList<QByteArray>>("expected");
-        const QByteArray empty = message(AdbPacket::OKAY, 1, 2, {});
-        const QByteArray write = message(AdbPacket::WRTE, 1, 2, "payload");
-        const QByteArray badMagic = rawMessage(AdbPacket::WRTE, 3, 0x12345678, 0, "xyz");
-        QTest::newRow("partial header stays buffered")
-            << QList<QByteArray> { empty.left(23) } << QList<QByteArray> {};
-        QTest::newRow("empty payload then another")
-            << QList<QByteArray> { empty + write } << QList<QByteArray> { empty, write };
-        QTest::newRow("two and a half, then the rest")
-            << QList<QByteArray> { write + empty + write.left(30), write.mid(30) }
-            << QList<QByteArray> { write, empty, write };
-        QTest::newRow("wrong magic and checksum kept verbatim")
-            << QList<QByteArray> { badMagic.left(5), badMagic.mid(5) } << QList<QByteArray> { badMagic };
-    }
+    // One byte short of a header, then of a payload: nothing may come out early.
     void readerCutsMessages()
     {
-        QFETCH(QList<QByteArray>, chunks);
-        QFETCH(QList<QByteArray>, expected);
+        const QByteArray empty = AdbPacket(AdbPacket::OKAY, 1, 2, {}).toByteArray();
+        const QByteArray write = AdbPacket(AdbPacket::WRTE, 1, 2, "payload").toByteArray();
         PacketReader reader;
         QList<QByteArray> got;
-        for (const QByteArray& chunk : chunks) {
+        for (const QByteArray& chunk :
+             { empty.left(23), empty.mid(23) + write + write.left(30), write.mid(30) }) {
             reader.append(chunk);
             while (reader.packetAvailable())
                 got.append(reader.read().toByteArray());
         }
-        QCOMPARE(got, expected);
+        QCOMPARE(got, (QList<QByteArray> { empty, write, write }));
     }
 
-    // TcpSocket hands over raw views of a reused buffer; the reader must keep its own copy.
+    // TcpSocket hands over raw views of a reused buffer; the reader must keep its own copy. Magic
+    // and checksum are the peers' business: a message failing both passes verbatim.
     void readerCopiesRawChunks()
     {
-        const QByteArray write = message(AdbPacket::WRTE, 4, 5, "hello");
+        const QByteArray write = rawMessage(AdbPacket::WRTE, 5, 0x12345678, 0, "hello");
         char scratch[64];
         std::memcpy(scratch, write.constData(), 10);
         PacketReader reader;
@@ -109,7 +88,7 @@ private Q_SLOTS:
 
     void oversizedHeaderCorruptsReader()
     {
-        const QByteArray good = message(AdbPacket::WRTE, 1, 2, "ok");
+        const QByteArray good = AdbPacket(AdbPacket::WRTE, 1, 2, "ok").toByteArray();
         const QByteArray huge = rawMessage(AdbPacket::WRTE, 0xFFFFFFF0u, 0, ~quint32(AdbPacket::WRTE), {});
         PacketReader reader;
         reader.append(good + huge + good);
@@ -122,7 +101,8 @@ private Q_SLOTS:
         QCOMPARE(reader.bufferedSize(), 0);
 
         reader.clear();
-        const QByteArray largest = message(AdbPacket::WRTE, 1, 2, QByteArray(PacketReader::MAX_PAYLOAD, 'a'));
+        const QByteArray largest
+            = AdbPacket(AdbPacket::WRTE, 1, 2, QByteArray(PacketReader::MAX_PAYLOAD, 'a')).toByteArray();
         reader.append(largest);
         QVERIFY(!reader.isCorrupted());
         QCOMPARE(reader.read().toByteArray(), largest);
@@ -142,8 +122,6 @@ private Q_SLOTS:
             << cnxn << current
             << QByteArray("device::ro.product.name=sim;features=shell_v2,delayed_ack;ro.serialno=x")
             << QByteArray("device::ro.product.name=sim;features=shell_v2;ro.serialno=x");
-        QTest::newRow("only") << cnxn << current << QByteArray("device::features=delayed_ack")
-                              << QByteArray("device::features=");
         QTest::newRow("old version, NUL-terminated, high bytes kept")
             << cnxn << old
             << (QByteArray("device::ro.product.model=\xc3\xa9;features=cmd,delayed_ack") + '\0')

@@ -25,7 +25,6 @@ struct TestHttpResponse
     enum Mode {
         Answer,
         NeverAnswer, // keep the connection open and silent
-        CloseWithoutAnswer,
         CloseMidBody, // announce the whole body, send half of it, close
     };
 
@@ -117,10 +116,6 @@ private:
             const TestHttpResponse response = m_handler(request);
             if (response.mode == TestHttpResponse::NeverAnswer)
                 return;
-            if (response.mode == TestHttpResponse::CloseWithoutAnswer) {
-                socket->disconnectFromHost();
-                return;
-            }
             const QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status)
                 + (response.status < 400 ? " OK" : " Error") + "\r\nContent-Type: application/json\r\n"
                 + "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n\r\n";

@@ -84,7 +84,6 @@ private Q_SLOTS:
     {
         QTest::addColumn<qsizetype>("size");
         QTest::newRow("empty") << qsizetype(0);
-        QTest::newRow("small") << qsizetype(5);
         QTest::newRow("16-bit length") << qsizetype(300);
         QTest::newRow("64-bit length") << qsizetype(70000);
         // The server cuts messages into 512 KiB frames: reassembly of continuation frames.

@@ -78,30 +78,25 @@ private Q_SLOTS:
         const int protocol = QWebSocketProtocol::CloseCodeProtocolError;
         const int tooMuch = QWebSocketProtocol::CloseCodeTooMuchData;
 
-        for (const bool masked : { false, true }) {
-            const char* m = masked ? "masked" : "unmasked";
-            QTest::addRow("%s small binary", m)
-                << frame(Op::Binary, small, true, masked) << int(Masking::Any) << noLimit
-                << QStringList { expect(Op::Binary, Op::Binary, true, small) } << ok;
-            QTest::addRow("%s 16-bit length text", m)
-                << frame(Op::Text, mid, true, masked) << int(Masking::Any) << noLimit
-                << QStringList { expect(Op::Text, Op::Text, true, mid) } << ok;
-            QTest::addRow("%s 64-bit length binary", m)
-                << frame(Op::Binary, big, true, masked) << int(Masking::Any) << noLimit
-                << QStringList { expect(Op::Binary, Op::Binary, true, big) } << ok;
-            QTest::addRow("%s fragments with ping and pong between", m)
-                << frame(Op::Binary, "ab", false, masked) + frame(Op::Ping, "p", true, masked)
-                    + frame(Op::Continuation, mid, false, masked) + frame(Op::Pong, "", true, masked)
-                    + frame(Op::Continuation, "z", true, masked) + frame(Op::Text, "", true, masked)
-                << int(Masking::Any) << noLimit
-                << QStringList { expect(Op::Binary, Op::Binary, false, "ab"),
-                                 expect(Op::Ping, Op::Ping, true, "p"),
-                                 expect(Op::Continuation, Op::Binary, false, mid),
-                                 expect(Op::Pong, Op::Pong, true, ""),
-                                 expect(Op::Continuation, Op::Binary, true, "z"),
-                                 expect(Op::Text, Op::Text, true, "") }
-                << ok;
-        }
+        // Masked, so that the key is read after each length encoding; unmasked frames of each
+        // length pass in the rows below.
+        QTest::newRow("16-bit length text")
+            << frame(Op::Text, mid, true, true) << int(Masking::Any) << noLimit
+            << QStringList { expect(Op::Text, Op::Text, true, mid) } << ok;
+        QTest::newRow("64-bit length binary")
+            << frame(Op::Binary, big, true, true) << int(Masking::Any) << noLimit
+            << QStringList { expect(Op::Binary, Op::Binary, true, big) } << ok;
+        QTest::newRow("fragments with ping and pong between")
+            << frame(Op::Binary, "ab", false, true) + frame(Op::Ping, "p", true, true)
+                + frame(Op::Continuation, mid, false, true) + frame(Op::Pong, "", true, true)
+                + frame(Op::Continuation, "z", true, true) + frame(Op::Text, "", true, true)
+            << int(Masking::Any) << noLimit << QStringList { expect(Op::Binary, Op::Binary, false, "ab"),
+                                                             expect(Op::Ping, Op::Ping, true, "p"),
+                                                             expect(Op::Continuation, Op::Binary, false, mid),
+                                                             expect(Op::Pong, Op::Pong, true, ""),
+                                                             expect(Op::Continuation, Op::Binary, true, "z"),
+                                                             expect(Op::Text, Op::Text, true, "") }
+            << ok;
         QTest::newRow("header alone, then its payload")
             << WebSocketFrame::encodeHeader(Op::Binary, quint64(big.size())) + big << int(Masking::Unmasked)
             << noLimit << QStringList { expect(Op::Binary, Op::Binary, true, big) } << ok;
@@ -115,7 +110,6 @@ private Q_SLOTS:
             << good + QByteArray::fromHex("c200") << int(Masking::Any) << noLimit << QStringList { first }
             << protocol;
         refused("reserved opcode 0x3", QByteArray::fromHex("8300"));
-        refused("reserved control opcode 0xB", QByteArray::fromHex("8b00"));
         refused("ping longer than 125", frame(Op::Ping, pattern(126)));
         refused("fragmented ping", frame(Op::Ping, "x", false));
         refused("close with one byte", QByteArray::fromHex("880103"));
