@@ -87,8 +87,6 @@ private Q_SLOTS:
             << -1 << "any" << true << 0 << QList<int> {} << 1;
         QTest::newRow("platform refuses") << int(PlatformAuthenticator::AuthenticationFailed) << "free"
                                           << true << 0 << QList<int> { E::AuthenticationError } << 0;
-        QTest::newRow("bad platform answer") << int(PlatformAuthenticator::InvalidResponse) << "free" << true
-                                             << 0 << QList<int> { E::AuthenticationError } << 0;
         QTest::newRow("web socket fails during authentication")
             << int(PlatformAuthenticator::WebSocketError) << "free" << true << 0
             << QList<int> { E::DisconnectionError } << 0;

@@ -78,8 +78,6 @@ private Q_SLOTS:
         QTest::newRow("start") << request(QStringLiteral("start")) << true << QString();
         QTest::newRow("command words are case-sensitive")
             << request(QStringLiteral("START")) << false << QStringLiteral("Invalid message");
-        QTest::newRow("no command") << QVariantMap { { QStringLiteral("id"), QStringLiteral("x") } } << false
-                                    << QStringLiteral("Invalid message");
         QTest::newRow("disconnect of an unknown id")
             << request(QStringLiteral("disconnect"), QStringLiteral("nobody")) << true
             << QStringLiteral("no adb tunnel to finish for device");

@@ -22,7 +22,6 @@ private Q_SLOTS:
         QTest::newRow("2") << QByteArray("2") << 2 << true << true;
         QTest::newRow("7 is announced as is") << QByteArray("7") << 7 << true << false;
         QTest::newRow("abc") << QByteArray("abc") << 0 << false << false;
-        QTest::newRow("empty") << QByteArray("") << 0 << false << false;
         QTest::newRow("-3") << QByteArray("-3") << -3 << false << false;
     }
     void tunnelVersion()

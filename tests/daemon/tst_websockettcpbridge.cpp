@@ -252,29 +252,6 @@ private Q_SLOTS:
             QVERIFY(m_server->waitReceived(1 + writes.size()));
     }
 
-    void startTwiceThenStop()
-    {
-        MockWebSocket device;
-        WebSocketTcpBridge bridge(&device, QStringLiteral("uuid-1"));
-        QSignalSpy states(&bridge, &WebSocketTcpBridge::stateChanged);
-        bridge.start(0);
-        QCOMPARE(states.size(), 2);
-        QCOMPARE(states.at(0).at(0).value<WebSocketTcpBridge::State>(), WebSocketTcpBridge::WAITING);
-        QCOMPARE(bridge.getState(), WebSocketTcpBridge::RUNNING);
-        QVERIFY(bridge.getTcpPort() != 0);
-
-        bridge.start(0);
-        QVERIFY(sawWarning(QStringLiteral("Bridge already started.")));
-        QCOMPARE(states.size(), 2);
-
-        bridge.stop();
-        QCOMPARE(bridge.getState(), WebSocketTcpBridge::IDLE);
-        QCOMPARE(bridge.getLastError(), WebSocketTcpBridge::NoError);
-        // A stopped bridge no longer listens to the socket: its later close keeps NoError.
-        device.dropConnection();
-        QCOMPARE(bridge.getLastError(), WebSocketTcpBridge::NoError);
-    }
-
     void startFailures_data()
     {
         QTest::addColumn<bool>("socketConnected");
