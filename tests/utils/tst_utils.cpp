@@ -28,12 +28,10 @@ private Q_SLOTS:
         QTest::addColumn<bool>("readable");
         QTest::addColumn<bool>("writable");
         QTest::newRow("0600") << 0600 << false << false;
-        QTest::newRow("0700") << 0700 << false << false;
         QTest::newRow("0640") << 0640 << true << false;
         QTest::newRow("0604") << 0604 << true << false;
         QTest::newRow("0620") << 0620 << false << true;
         QTest::newRow("0602") << 0602 << false << true;
-        QTest::newRow("0666") << 0666 << true << true;
         QTest::newRow("missing") << -1 << false << false;
     }
 
