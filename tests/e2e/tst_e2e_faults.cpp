@@ -198,13 +198,8 @@ private Q_SLOTS:
                                          QStringLiteral("--bandwidth-kbps"), QStringLiteral("32000") }));
         fixture.useApiToken();
         QStringList serials;
-        for (int i = 0; i < count; ++i)
-            QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), fixture.instanceUuid(i) }).exitCode,
-                     0);
         for (int i = 0; i < count; ++i) {
-            serials.append(fixture.waitForState(fixture.instanceUuid(i), CONNECTED, 90000)
-                               .value(QStringLiteral("adb_serial"))
-                               .toString());
+            serials.append(fixture.connectInstance(fixture.instanceUuid(i)));
             QVERIFY2(!serials.constLast().isEmpty(), fixture.log().right(3000).constData());
         }
 

@@ -30,7 +30,8 @@ private Q_SLOTS:
         if (apiToken)
             fixture.useApiToken();
         else
-            fixture.useCredentials(fixture.ready().value(QStringLiteral("email")).toString(), password);
+            fixture.writeAuth({ { QStringLiteral("email"), fixture.ready().value(QStringLiteral("email")) },
+                                { QStringLiteral("password"), password } });
         fixture.setEnv(QStringLiteral("KB_ADBTUNNEL_DEBUG"), QStringLiteral("1"));
         fixture.setEnv(QStringLiteral("QT_LOGGING_RULES"), QStringLiteral("*=true"));
         const QString uuid = fixture.instanceUuid();
@@ -38,13 +39,13 @@ private Q_SLOTS:
         // Without the option the daemon picks a free port; connecting without it is what every
         // other case does.
         const quint16 port = TestKit::freeLoopbackPort();
-        const E2eFixture::Result connect = fixture.kbadbtunneld(
-            { QStringLiteral("connect"), uuid, QStringLiteral("--adb-serial-port"), QString::number(port) });
+        const E2eFixture::Result connect
+            = fixture.kbadbtunneld({ QStringLiteral("connect"), uuid, QStringLiteral("--adb-serial-port"),
+                                     QString::number(port), QStringLiteral("--wait") });
         QCOMPARE(connect.exitCode, 0);
         QCOMPARE(connect.json().value(QStringLiteral("running")).toBool(), true);
-        const QJsonObject entry = fixture.waitForState(uuid, QStringLiteral("CONNECTED"));
-        QCOMPARE(entry.value(QStringLiteral("state")).toString(), QStringLiteral("CONNECTED"));
-        const QString serial = entry.value(QStringLiteral("adb_serial")).toString();
+        QCOMPARE(connect.json().value(QStringLiteral("state")).toString(), QStringLiteral("CONNECTED"));
+        const QString serial = connect.json().value(QStringLiteral("adb_serial")).toString();
         QCOMPARE(serial, QStringLiteral("localhost:%1").arg(port));
         QCOMPARE(fixture.shell(serial, QStringLiteral("echo hello; echo $((6*7))")),
                  QByteArray("hello\n42\n"));
@@ -139,8 +140,8 @@ private Q_SLOTS:
         if (how == QLatin1String("unknown"))
             uuid = QStringLiteral("00000000-0000-0000-0000-000000000000");
 
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        const QJsonObject entry = fixture.waitForState(uuid, QStringLiteral("FAILED"));
+        QVERIFY(fixture.connectInstance(uuid).isEmpty());
+        const QJsonObject entry = fixture.instance(uuid);
         QCOMPARE(entry.value(QStringLiteral("state")).toString(), QStringLiteral("FAILED"));
         QCOMPARE(entry.value(QStringLiteral("adb_serial")).toString(), QString());
         const QByteArray log = fixture.log();
