@@ -4,7 +4,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QTest>
 
 E2eFixture::E2eFixture()
 {
@@ -70,11 +69,6 @@ bool E2eFixture::startSimulator(const QStringList& arguments)
     return started;
 }
 
-void E2eFixture::stopSimulator()
-{
-    m_simulator.reset();
-}
-
 bool E2eFixture::restartSimulator()
 {
     stopSimulator();
@@ -100,11 +94,6 @@ quint16 E2eFixture::devicePort(int index) const
 void E2eFixture::useApiToken()
 {
     writeAuth({ { QStringLiteral("api_token"), m_ready.value(QStringLiteral("api_token")) } });
-}
-
-void E2eFixture::useCredentials(const QString& email, const QString& password)
-{
-    writeAuth({ { QStringLiteral("email"), email }, { QStringLiteral("password"), password } });
 }
 
 void E2eFixture::writeAuth(const QJsonObject& auth) const
@@ -179,30 +168,11 @@ QJsonObject E2eFixture::instance(const QString& uuid) const
     return {};
 }
 
-QString E2eFixture::state(const QString& uuid) const
-{
-    return instance(uuid).value(QStringLiteral("state")).toString();
-}
-
-QJsonObject E2eFixture::waitForState(const QString& uuid, const QString& state, int timeoutMs) const
-{
-    QJsonObject entry;
-    (void)QTest::qWaitFor(
-        [&] {
-            entry = instance(uuid);
-            return entry.value(QStringLiteral("state")).toString() == state;
-        },
-        timeoutMs);
-    return entry;
-}
-
 QString E2eFixture::connectInstance(const QString& uuid, int timeoutMs) const
 {
-    if (kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode != 0)
-        return {};
-    return waitForState(uuid, QStringLiteral("CONNECTED"), timeoutMs)
-        .value(QStringLiteral("adb_serial"))
-        .toString();
+    const QStringList connect { QStringLiteral("connect"), uuid, QStringLiteral("--wait"),
+                                QStringLiteral("--timeout"), QString::number(timeoutMs / 1000) };
+    return kbadbtunneld(connect, timeoutMs + 30000).json().value(QStringLiteral("adb_serial")).toString();
 }
 
 QString E2eFixture::startAndConnect(const QStringList& simulatorArguments)
@@ -222,21 +192,9 @@ QByteArray E2eFixture::shell(const QString& serial, const QString& command) cons
     return result.exitCode == 0 ? result.out : QByteArray();
 }
 
-QByteArray E2eFixture::devices() const
-{
-    return adb({ QStringLiteral("devices") }).out;
-}
-
 bool E2eFixture::deviceIsBack(const QString& serial) const
 {
     return adbOn(serial, { QStringLiteral("get-state") }, 30000).out.trimmed() == "device";
-}
-
-bool E2eFixture::restartAdbServer() const
-{
-    const bool killed = adb({ QStringLiteral("kill-server") }).exitCode == 0;
-    adb({ QStringLiteral("start-server") });
-    return killed;
 }
 
 QString E2eFixture::roundTrip(const QString& serial, const QString& name, qint64 size, int timeoutMs) const
@@ -257,11 +215,6 @@ QString E2eFixture::roundTrip(const QString& serial, const QString& name, qint64
     QFile::remove(local);
     QFile::remove(pulled);
     return {};
-}
-
-QByteArray E2eFixture::log() const
-{
-    return TestKit::readFile(path(QStringLiteral("home/kbadbtunneld.log")));
 }
 
 int E2eFixture::tunnelSuccesses(const QString& uuid) const

@@ -37,7 +37,7 @@ public:
 
     // Starts kbplatform-sim with `arguments` and reads its ready line; false on failure.
     bool startSimulator(const QStringList& arguments = {});
-    void stopSimulator();
+    void stopSimulator() { m_simulator.reset(); }
     // Stops the simulator and starts it again with the arguments of the last start.
     bool restartSimulator();
     QJsonObject ready() const { return m_ready; }
@@ -50,7 +50,6 @@ public:
     QString startAndConnect(const QStringList& simulatorArguments = {});
 
     void useApiToken();
-    void useCredentials(const QString& email, const QString& password);
     // auth.json with exactly this content, private to the user.
     void writeAuth(const QJsonObject& auth) const;
     void writeConfig(const QJsonObject& config);
@@ -66,24 +65,22 @@ public:
     Result run(const QString& program, const QStringList& arguments, int timeoutMs) const;
     // The "getinstances" entry for uuid; empty when the daemon doesn't list it.
     QJsonObject instance(const QString& uuid) const;
-    QString state(const QString& uuid) const;
-    // Polls "getinstances" until uuid is in state; returns the last entry seen.
-    QJsonObject waitForState(const QString& uuid, const QString& state, int timeoutMs = 30000) const;
-    // "connect", then waits for CONNECTED; the tunnel's ADB serial, empty when it never came up.
+    QString state(const QString& uuid) const
+    {
+        return instance(uuid).value(QStringLiteral("state")).toString();
+    }
+    // "connect --wait": the tunnel's ADB serial, empty when it failed or was not up in time.
     QString connectInstance(const QString& uuid, int timeoutMs = 60000) const;
     // "adb shell command" on serial; its output, empty when it failed or took over 30 s.
     QByteArray shell(const QString& serial, const QString& command) const;
     // What "adb devices" lists.
-    QByteArray devices() const;
+    QByteArray devices() const { return adb({ QStringLiteral("devices") }).out; }
     // Whether adb has serial as a working device again (after a drop, say).
     bool deviceIsBack(const QString& serial) const;
-    // "kill-server", then a fresh server: the tunnel's own "adb connect" may start it first and
-    // win the race for the port; either way one fresh server runs. False when the kill failed.
-    bool restartAdbServer() const;
     // Pushes a file of size pseudo-random bytes to /data/local/tmp/name through serial and pulls
     // it back; empty when it came back byte for byte, else what went wrong.
     QString roundTrip(const QString& serial, const QString& name, qint64 size, int timeoutMs = 300000) const;
-    QByteArray log() const;
+    QByteArray log() const { return TestKit::readFile(path(QStringLiteral("home/kbadbtunneld.log"))); }
     // How often uuid's tunnel came up: once, plus once per restart.
     int tunnelSuccesses(const QString& uuid) const;
     // The pid of the running daemon, from its start line in the log; 0 when none runs.

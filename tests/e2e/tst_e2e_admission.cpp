@@ -1,11 +1,11 @@
 // Whoever the tunnel port serves gets a shell on the cloud device: only this machine's loopback
 // is served, also while no ADB server holds the port, unless the user opted in to remote peers.
+#include "adbprotocol/AdbPacket.h"
 #include "e2efixture.h"
 
 #include <QElapsedTimer>
 #include <QNetworkInterface>
 #include <QTcpSocket>
-#include <QtEndian>
 #include <QtTest>
 
 namespace {
@@ -21,21 +21,6 @@ QHostAddress ownNonLoopbackAddress()
             return address;
     }
     return {};
-}
-
-// ADB protocol.txt: CNXN(version, maxdata, "system-identity-string"), the first message an ADB
-// server sends on a transport.
-QByteArray adbServerHello()
-{
-    constexpr quint32 CNXN = 0x4e584e43;
-    const QByteArray payload("host::\0", 7);
-    quint32 checksum = 0;
-    for (const char byte : payload)
-        checksum += quint8(byte);
-    const quint32 header[6] = { CNXN, 0x01000001, 256 * 1024, quint32(payload.size()), checksum, ~CNXN };
-    QByteArray bytes(sizeof header, '\0');
-    qToLittleEndian<quint32>(header, 6, bytes.data());
-    return bytes + payload;
 }
 
 struct Peer
@@ -57,7 +42,9 @@ Peer actAsAdbServer(const QHostAddress& from, quint16 port, int waitMs = 10000)
     if (!socket.waitForConnected(5000))
         return peer;
     peer.localPort = socket.localPort();
-    socket.write(adbServerHello());
+    // ADB protocol.txt: CNXN(version, maxdata, "system-identity-string"), the first message an
+    // ADB server sends on a transport.
+    socket.write(AdbPacket(AdbPacket::CNXN, 0x01000001, 256 * 1024, QByteArray("host::\0", 7)).toByteArray());
     QElapsedTimer timer;
     timer.start();
     while (socket.state() == QAbstractSocket::ConnectedState && peer.received.size() < 24

@@ -136,10 +136,8 @@ private Q_SLOTS:
         E2eFixture fixture;
         QVERIFY(fixture.startSimulator());
         fixture.useApiToken();
-        const E2eFixture::Result connect = fixture.kbadbtunneld(
-            { QStringLiteral("connect"), fixture.instanceUuid(), QStringLiteral("--wait") });
-        QCOMPARE(connect.exitCode, 0);
-        const QByteArray ours = connect.json().value(QStringLiteral("adb_serial")).toString().toUtf8();
+        const QByteArray ours = fixture.connectInstance(fixture.instanceUuid()).toUtf8();
+        QVERIFY(!ours.isEmpty());
         // A device this daemon did not attach: the simulated device's own port, straight from adb.
         const QByteArray theirs = "localhost:" + QByteArray::number(fixture.devicePort());
         QCOMPARE(fixture.adb({ QStringLiteral("connect"), QString::fromUtf8(theirs) }).exitCode, 0);

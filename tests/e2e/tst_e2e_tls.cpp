@@ -51,18 +51,14 @@ private Q_SLOTS:
         fixture.useApiToken();
 
         const QString uuid = fixture.instanceUuid();
-        QCOMPARE(fixture.kbadbtunneld({ QStringLiteral("connect"), uuid }).exitCode, 0);
-        const QJsonObject entry = fixture.waitForState(
-            uuid, connects ? QStringLiteral("CONNECTED") : QStringLiteral("FAILED"), 60000);
+        const QString serial = fixture.connectInstance(uuid);
         const QByteArray log = fixture.log();
-        QVERIFY2(entry.value(QStringLiteral("state")).toString()
-                     == (connects ? QLatin1String("CONNECTED") : QLatin1String("FAILED")),
+        QVERIFY2(fixture.state(uuid) == (connects ? QLatin1String("CONNECTED") : QLatin1String("FAILED")),
                  log.right(4000).constData());
 
         if (connects) {
             QVERIFY(log.contains("SSL Error: \"127.0.0.1\" is trusted, ignoring error"));
-            const QString failed = fixture.roundTrip(entry.value(QStringLiteral("adb_serial")).toString(),
-                                                     QStringLiteral("tls.bin"), 1 << 20);
+            const QString failed = fixture.roundTrip(serial, QStringLiteral("tls.bin"), 1 << 20);
             QVERIFY2(failed.isEmpty(), qPrintable(failed));
             return;
         }

@@ -21,7 +21,6 @@ private Q_SLOTS:
         QTest::newRow("v2, no delay") << 2 << 0 << all << modern;
         QTest::newRow("v1, no delay") << 1 << 0 << all << modern;
         QTest::newRow("v2, 50 ms") << 2 << 50 << all << modern;
-        QTest::newRow("v1, 50 ms") << 1 << 50 << all << modern;
         // An old device: sync v1 and one WRTE at a time on its side too.
         QTest::newRow("v2, legacy device")
             << 2 << 0 << QList<qint64> { 1024, 10 << 20 } << QStringLiteral("legacy");
